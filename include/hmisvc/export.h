@@ -1,0 +1,7 @@
+#ifndef HMISVC_EXPORT_H
+#define HMISVC_EXPORT_H
+
+/* Everything is hidden by default; only what carries this mark is exported. */
+#define HMISVC_API __attribute__((visibility("default")))
+
+#endif
