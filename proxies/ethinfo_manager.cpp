@@ -1,0 +1,20 @@
+#include <hmisvc/proxies.h>
+#include <hmisvc/records.h>
+
+#include "proxies/call.h"
+
+using namespace hmisvc::proxy;
+
+std::string EthInfoManager::SERVICE_NAME = "ethinfo";
+const unsigned int EthInfoManager::MAP_SIZE;
+
+EthInfoManager::EthInfoManager() : ServiceManager(SERVICE_NAME, 1024) { number(codes_); }
+EthInfoManager::~EthInfoManager() = default;
+
+bool EthInfoManager::GetEthinfo(NetInfo &info) {
+    return call<kLarge>(*this, codes_[0], "GetEthinfo", into(info), false);
+}
+bool EthInfoManager::SetEthinfo(NetInfo &info) {
+    return call<kLarge>(*this, codes_[1], "SetEthinfo", delivered<true>, false, info);
+}
+std::string EthInfoManager::GetEthMac() { return call<kLarge>(*this, codes_[2], "GetEthmac", text, throws); }
