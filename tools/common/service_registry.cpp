@@ -1,0 +1,87 @@
+#include "service_registry.h"
+
+#include <cstdio>
+#include <vector>
+
+namespace hmisvc::tools {
+
+ServiceRegistry::ServiceRegistry(binder_connection *bs) : bs_(bs) {}
+
+void ServiceRegistry::publish(const std::u16string &name, uint32_t handle)
+{
+    // Take the new reference before dropping the old one: a publisher
+    // republishing the same object must not lose it in between.
+    binder_acquire(bs_, handle);
+    auto &link = links_[handle];
+    if (!link) {
+        link.reset(new Link{{&ServiceRegistry::died_cb, nullptr}, this, handle, 0});
+        link->record.user = link.get();
+        binder_link_to_death(bs_, handle, &link->record);
+    }
+    ++link->names;
+
+    auto [it, fresh] = names_.try_emplace(name, handle);
+    if (!fresh) {
+        uint32_t old = it->second;
+        it->second = handle;
+        unref(old);
+    }
+}
+
+uint32_t ServiceRegistry::lookup(const std::u16string &name) const
+{
+    auto it = names_.find(name);
+    return it == names_.end() ? 0 : it->second;
+}
+
+void ServiceRegistry::unref(uint32_t handle)
+{
+    binder_release(bs_, handle);
+    auto it = links_.find(handle);
+    // The last release ends the driver reference and its death notification
+    // with it, so the record may go.
+    if (it != links_.end() && --it->second->names == 0)
+        links_.erase(it);
+}
+
+void ServiceRegistry::died(Link &link)
+{
+    uint32_t handle = link.handle;
+    std::vector<std::u16string> gone;
+    for (const auto &[name, h] : names_)
+        if (h == handle)
+            gone.push_back(name);
+    for (const auto &name : gone) {
+        names_.erase(name);
+        if (death_hook_)
+            death_hook_(name, handle);
+    }
+    // Drop the references the names held; the driver then forgets the
+    // handle, which may later be handed out again for another object.
+    for (std::size_t i = 0; i < link.names; ++i)
+        binder_release(bs_, handle);
+    links_.erase(handle);
+}
+
+void ServiceRegistry::died_cb(binder_connection *, void *user)
+{
+    auto *link = static_cast<Link *>(user);
+    link->registry->died(*link);
+}
+
+std::string printable(const std::u16string &s)
+{
+    std::string out;
+    for (char16_t c : s) {
+        if (c >= 0x20 && c < 0x7f) {
+            out += static_cast<char>(c);
+        } else {
+            char esc[8];
+            std::snprintf(esc, sizeof esc, "\\u%04x", static_cast<unsigned>(c));
+            out += esc;
+        }
+    }
+    return out;
+}
+
+}  // namespace hmisvc::tools

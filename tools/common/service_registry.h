@@ -1,0 +1,62 @@
+// Names published with a service manager and the driver references behind
+// them. Shared by the programs that act as the binder context manager.
+#ifndef HMISVC_TOOLS_SERVICE_REGISTRY_H
+#define HMISVC_TOOLS_SERVICE_REGISTRY_H
+
+#include <hmisvc/binder.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace hmisvc::tools {
+
+// Each published name holds one strong reference on the publisher's object.
+// A publisher's death drops all of its names; publishing a taken name drops
+// the previous holder's reference.
+class ServiceRegistry {
+public:
+    // Told of each name the registry drops because its publisher died.
+    using DeathHook = std::function<void(const std::u16string &name, uint32_t handle)>;
+
+    explicit ServiceRegistry(binder_connection *bs);
+    ServiceRegistry(const ServiceRegistry &) = delete;
+    ServiceRegistry &operator=(const ServiceRegistry &) = delete;
+
+    // `handle` must be a reference this connection holds while the call
+    // runs (e.g. one that arrived in the request being served).
+    void publish(const std::u16string &name, uint32_t handle);
+    // 0 when the name is unknown.
+    uint32_t lookup(const std::u16string &name) const;
+    std::size_t size() const { return names_.size(); }
+
+    void on_death(DeathHook hook) { death_hook_ = std::move(hook); }
+
+private:
+    // One per referenced object: the driver accepts one death notification
+    // per reference, however many names share it.
+    struct Link {
+        binder_death_record record;
+        ServiceRegistry *registry;
+        uint32_t handle;
+        unsigned names;
+    };
+
+    void unref(uint32_t handle);
+    void died(Link &link);
+    static void died_cb(binder_connection *bs, void *link);
+
+    binder_connection *bs_;
+    std::map<std::u16string, uint32_t> names_;
+    std::map<uint32_t, std::unique_ptr<Link>> links_;
+    DeathHook death_hook_;
+};
+
+// Narrow text for diagnostics: ASCII kept, anything else as \uXXXX.
+std::string printable(const std::u16string &s);
+
+}  // namespace hmisvc::tools
+
+#endif

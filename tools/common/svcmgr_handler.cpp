@@ -1,0 +1,106 @@
+#include "svcmgr_handler.h"
+
+#include <cstring>
+
+namespace hmisvc::tools {
+
+namespace {
+
+const std::u16string INTERFACE = u"android.os.IServiceManager";
+
+// A 16-bit string from the request; false for a null or truncated one.
+bool get_string16(binder_io &msg, std::u16string &out)
+{
+    uint32_t len = 0;
+    const uint16_t *units = bio_get_string16(&msg, &len);
+    if (!units || len == 0xFFFFFFFFu || (msg.flags & BIO_FLAG_OVERFLOW))
+        return false;
+    out.resize(len);
+    std::memcpy(out.data(), units, len * sizeof(char16_t));
+    return true;
+}
+
+// Header word, interface name and service name, common to both requests.
+// Returns why the request is refused, or null with `name` set.
+const char *get_prologue(binder_io &msg, std::u16string &name)
+{
+    std::u16string interface;
+    if (bio_get_uint32(&msg) != 0 || (msg.flags & BIO_FLAG_OVERFLOW))
+        return "bad header word";
+    if (!get_string16(msg, interface) || interface != INTERFACE)
+        return "bad interface name";
+    if (!get_string16(msg, name) || name.empty())
+        return "bad service name";
+    return nullptr;
+}
+
+}  // namespace
+
+SvcmgrHandler::SvcmgrHandler(ServiceRegistry &registry, std::FILE *trace)
+    : registry_(registry), trace_(trace)
+{
+    if (trace_)
+        registry_.on_death([this](const std::u16string &name, uint32_t handle) {
+            std::fprintf(trace_, "svcmgr: \"%s\" (handle %u) dropped: publisher died\n",
+                         printable(name).c_str(), handle);
+        });
+}
+
+int SvcmgrHandler::serve(binder_connection *, binder_transaction_data *txn, binder_io *msg,
+                         binder_io *reply, void *self)
+{
+    return static_cast<SvcmgrHandler *>(self)->handle(*txn, *msg, *reply);
+}
+
+int SvcmgrHandler::handle(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
+{
+    switch (txn.code) {
+    case SVCMGR_CODE_LOOKUP:
+        return lookup(txn, msg, reply);
+    case SVCMGR_CODE_PUBLISH:
+        return publish(txn, msg, reply);
+    default:
+        return refuse(txn, "unknown code");
+    }
+}
+
+int SvcmgrHandler::lookup(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
+{
+    std::u16string name;
+    if (const char *why = get_prologue(msg, name))
+        return refuse(txn, why);
+    uint32_t handle = registry_.lookup(name);
+    if (trace_)
+        std::fprintf(trace_, "svcmgr: lookup \"%s\" from pid %d -> %u\n",
+                     printable(name).c_str(), txn.sender_pid, handle);
+    // Handle 0 goes out as a null reference, which carries no object.
+    bio_put_ref(&reply, handle);
+    return 0;
+}
+
+int SvcmgrHandler::publish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
+{
+    std::u16string name;
+    if (const char *why = get_prologue(msg, name))
+        return refuse(txn, why);
+    // The driver has turned the publisher's object into a reference of ours.
+    uint32_t handle = bio_get_ref(&msg);
+    if (handle == 0)
+        return refuse(txn, "no object reference");
+    registry_.publish(name, handle);
+    if (trace_)
+        std::fprintf(trace_, "svcmgr: publish \"%s\" from pid %d as handle %u\n",
+                     printable(name).c_str(), txn.sender_pid, handle);
+    bio_put_uint32(&reply, 0);
+    return 0;
+}
+
+int SvcmgrHandler::refuse(const binder_transaction_data &txn, const char *why)
+{
+    if (trace_)
+        std::fprintf(trace_, "svcmgr: code %u from pid %d refused: %s\n", txn.code,
+                     txn.sender_pid, why);
+    return BAD_REQUEST;
+}
+
+}  // namespace hmisvc::tools
