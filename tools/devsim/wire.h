@@ -1,0 +1,146 @@
+// Request decoding and reply encoding, written once for every method: a
+// method states its arguments as parameter types and its answer as its
+// result type, and serve() turns that into a handler that reads the
+// request strictly, refuses a malformed one before touching any state, and
+// writes the answer in the layout the proxies decode.
+#ifndef HMISVC_DEVSIM_WIRE_H
+#define HMISVC_DEVSIM_WIRE_H
+
+#include <hmisvc/binder.h>
+#include <hmisvc/records.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <vector>
+
+namespace hmisvc::devsim {
+
+// Reply status of a request that was not served (0: served).
+enum Status : int {
+    kOk = 0,
+    kBadRequest = -EINVAL,
+    kUnknownMethod = -ENOSYS,
+    kReplyTooLarge = -EMSGSIZE,
+};
+
+// Reads one request: the leading word 0, then the arguments. The first
+// problem is kept; reads after it give empty values without looking at the
+// data again.
+class Request {
+public:
+    explicit Request(binder_io &msg);
+
+    uint32_t word();
+    bool boolean();
+    std::string string();
+    std::string block();
+    template <class R> R record();
+
+    // After the last argument: true when nothing was missing, malformed or
+    // left over.
+    bool complete();
+    const char *error() const { return error_; }
+
+private:
+    void fail(const char *why)
+    {
+        if (!error_)
+            error_ = why;
+    }
+    // Sets the error when the last read ran past the data.
+    bool ran_short();
+    // A length-prefixed item (a NUL-terminated string or a block): its
+    // bytes, or null after noting why there are none.
+    const char *counted(bool terminated, uint32_t &len);
+
+    binder_io &msg_;
+    const char *error_ = nullptr;
+};
+
+template <class R> R Request::record()
+{
+    std::string bytes = block();
+    R r;
+    if (error_)
+        return r;
+    try {
+        r.fromString(bytes);
+    } catch (const std::exception &) {  // cereal::Exception, or a size no string can take
+        fail("record does not decode");
+        return R{};
+    }
+    // The proxies send exactly toString()'s bytes; anything else (bytes
+    // after the record, a size field with its upper half set) is not theirs.
+    if (r.toString() != bytes)
+        fail("record block is not an exact encoding");
+    return r;
+}
+
+template <class T> T read(Request &in)
+{
+    if constexpr (std::is_same_v<T, std::string>)
+        return in.string();
+    else if constexpr (std::is_same_v<T, bool>)
+        return in.boolean();
+    else if constexpr (std::is_integral_v<T>)
+        return static_cast<T>(static_cast<int32_t>(in.word()));
+    else
+        return in.record<T>();
+}
+
+// ---- answers ----
+
+void put(binder_io &reply, int32_t word);
+void put(binder_io &reply, bool yes);
+void put(binder_io &reply, const std::string &text);
+void put(binder_io &reply, const std::vector<WifiList> &list);  // count, then one block each
+template <class R, class = decltype(std::declval<R &>().toString())>
+void put(binder_io &reply, R record)
+{
+    std::string bytes = record.toString();
+    bio_put_mem(&reply, bytes.data(), static_cast<uint32_t>(bytes.size()));
+}
+
+// ---- methods ----
+
+using Handler = std::function<int(Request &in, binder_io &reply)>;
+
+namespace detail {
+template <class F> struct signature : signature<decltype(&F::operator())> {};
+template <class C, class R, class S, class... A> struct signature<R (C::*)(S &, A...) const> {
+    using result = R;
+    using args = std::tuple<std::decay_t<A>...>;
+};
+template <class... A> std::tuple<A...> read_all(Request &in, std::tuple<A...> *)
+{
+    return std::tuple<A...>{read<A>(in)...};  // braces: read in argument order
+}
+}  // namespace detail
+
+// f is called as f(state, arguments...) once the whole request has been
+// read and found well-formed. A void result answers the status word 0.
+template <class State, class F> Handler serve(State &state, F f)
+{
+    return [&state, f](Request &in, binder_io &reply) -> int {
+        using Sig = detail::signature<F>;
+        auto args = detail::read_all(in, static_cast<typename Sig::args *>(nullptr));
+        if (!in.complete())
+            return kBadRequest;
+        auto call = [&](auto &...a) { return f(state, a...); };
+        if constexpr (std::is_void_v<typename Sig::result>) {
+            std::apply(call, args);
+            put(reply, int32_t{0});
+        } else {
+            put(reply, std::apply(call, args));
+        }
+        return kOk;
+    };
+}
+
+}  // namespace hmisvc::devsim
+
+#endif
