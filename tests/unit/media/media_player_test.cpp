@@ -5,8 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdio>
+#include <ostream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -17,14 +16,6 @@
 namespace {
 
 using namespace mediatest;
-
-std::string handle_lines(void *handle)
-{
-    const auto shown = static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(handle));
-    char lines[80];
-    std::snprintf(lines, sizeof lines, "handle = 0x%x\nafuncs->handle = %x\n", shown, shown);
-    return lines;
-}
 
 // Runs without libasound too: the handle is then null and so is every slot.
 TEST(AlsaFuncsInit, OpensTheLibraryAndResolvesEverySlot)
@@ -52,7 +43,7 @@ protected:
             GTEST_SKIP() << HMISVC_ALSA_LIBRARY << " cannot be loaded on this machine";
         // Only the first playback of the process loads ALSA and prints the
         // loading lines; get that done so that each test sees its own lines.
-        static const bool loaded = TestPlayer().play(sink().path("none.wav")).completed;
+        static const bool loaded = TestPlayer().play(sink().path("none.wav")).arrived;
         ASSERT_TRUE(loaded);
         sink().reset();
     }
@@ -64,11 +55,11 @@ protected:
     static std::string play_to_end(const std::string &path)
     {
         TestPlayer test;
-        const TestPlayer::Outcome outcome = test.play(path);
-        EXPECT_TRUE(outcome.completed);
-        EXPECT_EQ(test.code(), 0);
-        EXPECT_EQ(test.reported(), &test.player());
-        return outcome.output;
+        const TestPlayer::End end = test.play(path);
+        EXPECT_TRUE(end.arrived);
+        EXPECT_EQ(end.code, 0);
+        EXPECT_EQ(end.reported, &test.player());
+        return end.output;
     }
 };
 
@@ -80,6 +71,11 @@ struct Stream {
     std::size_t frames;
     std::string trailer; // after the data chunk; played as sound all the same
 };
+
+void PrintTo(const Stream &s, std::ostream *os)
+{
+    *os << s.name;
+}
 
 // What the device must receive: every whole frame after the header, each
 // sample in ALSA's container for its width. 24-bit data goes out as S24_LE,
@@ -129,6 +125,11 @@ struct ShortFile {
     std::string output;
     bool configured;
 };
+
+void PrintTo(const ShortFile &f, std::ostream *os)
+{
+    *os << f.name;
+}
 
 class ShortFileTest : public MediaPlayerTest, public testing::WithParamInterface<ShortFile> {};
 
@@ -191,10 +192,11 @@ TEST_F(MediaPlayerTest, StopEndsPlaybackBeforeTheNextWrite)
     close(pipe);
     unlink(sink().out().c_str());
 
-    ASSERT_TRUE(test.wait_completion());
+    const TestPlayer::End end = test.wait();
+    ASSERT_TRUE(end.arrived);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), format_line(8000, 1, 8, samples.size(), samples.size() + 36));
-    EXPECT_EQ(test.code(), 0);
-    EXPECT_EQ(test.reported(), &test.player());
+    EXPECT_EQ(end.code, 0);
+    EXPECT_EQ(end.reported, &test.player());
     EXPECT_LT(received.size(), samples.size());
     EXPECT_TRUE(received == samples.substr(0, received.size())) << "not the file's first frames";
 }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <condition_variable>
 #include <cstdio>
 #include <filesystem>
@@ -67,6 +68,14 @@ std::string format_line(unsigned rate, unsigned channels, unsigned bits, std::si
                   "wav format: fs = %u, channels = %u, bits_per_sample = %u, wav_size = %zu file_size = %zu\n\r",
                   rate, channels, bits, wav_size, file_size);
     return line;
+}
+
+std::string handle_lines(void *handle)
+{
+    const auto shown = static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(handle));
+    char lines[80];
+    std::snprintf(lines, sizeof lines, "handle = 0x%x\nafuncs->handle = %x\n", shown, shown);
+    return lines;
 }
 
 bool alsa_available()
@@ -151,37 +160,24 @@ void TestPlayer::start()
     player_->Start();
 }
 
-bool TestPlayer::wait_completion()
+TestPlayer::End TestPlayer::wait()
 {
     std::unique_lock<std::mutex> lock(state_->mutex);
-    if (state_->changed.wait_for(lock, std::chrono::seconds(60),
-                                 [&] { return state_->completions >= started_; }))
-        return true;
-    // Its thread may still use it.
-    player_.release();
-    return false;
+    const bool arrived = state_->changed.wait_for(lock, std::chrono::seconds(60),
+                                                  [&] { return state_->completions >= started_; });
+    if (!arrived)
+        player_.release(); // its thread may still use it
+    return {arrived, state_->code, state_->reported, ""};
 }
 
-int TestPlayer::code() const
-{
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    return state_->code;
-}
-
-MediaPlayer *TestPlayer::reported() const
-{
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    return state_->reported;
-}
-
-TestPlayer::Outcome TestPlayer::play(const std::string &path, bool capture_stdout)
+TestPlayer::End TestPlayer::play(const std::string &path)
 {
     player_->SetDataSource(path);
-    if (capture_stdout)
-        testing::internal::CaptureStdout();
+    testing::internal::CaptureStdout();
     start();
-    const bool completed = wait_completion();
-    return {completed, capture_stdout ? testing::internal::GetCapturedStdout() : std::string()};
+    End end = wait();
+    end.output = testing::internal::GetCapturedStdout();
+    return end;
 }
 
 } // namespace mediatest

@@ -20,9 +20,10 @@ std::string pattern(std::size_t size);
 std::string wav_file(unsigned channels, unsigned rate, unsigned bits, const std::string &samples,
                      const std::string &trailer = "");
 
-// The line the player prints for a header.
+// The lines the player prints: for a header, and when it loads ALSA.
 std::string format_line(unsigned rate, unsigned channels, unsigned bits, std::size_t wav_size,
                         std::size_t file_size);
+std::string handle_lines(void *handle);
 
 // Whether the library the player opens can be loaded in this process.
 bool alsa_available();
@@ -35,9 +36,9 @@ public:
     static AlsaSink &instance();
 
     const std::string &out() const { return out_; }
+    std::string path(const std::string &name) const { return dir_ + "/" + name; }
     // Writes @p contents to a fresh file in the sink's directory.
     std::string put_file(const std::string &name, const std::string &contents) const;
-    std::string path(const std::string &name) const { return dir_ + "/" + name; }
     // Forgets the last capture, so that configured() tells about the next one.
     void reset() const;
     // Whether the device got as far as installed parameters: the plugin
@@ -52,27 +53,26 @@ private:
     std::string out_;
 };
 
-// A player on the heap and the outcome of its playbacks. Should the callback
+// A player on the heap and the end of its playback. Should the callback
 // never come, the player is abandoned rather than freed under its thread.
 class TestPlayer {
 public:
+    struct End {
+        bool arrived; // within a generous time
+        int code;
+        MediaPlayer *reported;
+        std::string output; // what was printed meanwhile, when captured
+    };
+
     TestPlayer();
     ~TestPlayer();
 
     MediaPlayer &player() { return *player_; }
     void start();
-    // Waits (generously) for the completion callback of the last start().
-    bool wait_completion();
-    int code() const;
-    MediaPlayer *reported() const;
-
-    // Plays @p path to the end: the callback's arrival and, with
-    // @p capture_stdout, what was printed meanwhile.
-    struct Outcome {
-        bool completed;
-        std::string output;
-    };
-    Outcome play(const std::string &path, bool capture_stdout = true);
+    // Waits for the completion callback of the last start().
+    End wait();
+    // Plays @p path to the end, capturing standard output.
+    End play(const std::string &path);
 
 private:
     struct State;
