@@ -83,7 +83,8 @@ void write_samples(snd_pcm_t *pcm, const unsigned char *data, off_t limit,
     const long long frame_bytes = wav.channels * wav.bits / 8;
     const long long chunk_bytes = static_cast<long long>(chunk) * wav.channels * wav.bits / 8;
     playing = true;
-    // Frames narrower than a byte or an empty period would never advance.
+    // A header whose frames are narrower than a byte would divide by zero and
+    // an empty period would never advance: such a file writes nothing.
     if (limit <= 0 || frame_bytes == 0 || chunk == 0)
         return;
     long long offset = 0;
