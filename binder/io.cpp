@@ -25,7 +25,7 @@ uint32_t round4(uint32_t n) { return (n + 3u) & ~3u; }
 char *bio_reserve(binder_io *bio, uint32_t n)
 {
     const uint32_t rounded = round4(n);
-    if (rounded > bio->data_left) {
+    if (n > bio->data_left || rounded > bio->data_left) { // n near 2^32 wraps
         bio->flags |= BIO_FLAG_OVERFLOW;
         return nullptr;
     }
@@ -55,12 +55,12 @@ char *bio_reserve_obj(binder_io *bio)
 // Read side. A short read poisons the rest of the buffer.
 const char *bio_take(binder_io *bio, uint32_t n)
 {
-    n = round4(n);
-    if (bio->data_left < n) {
+    if (bio->data_left < n || bio->data_left < round4(n)) { // n near 2^32 wraps
         bio->data_left = 0;
         bio->flags |= BIO_FLAG_OVERFLOW;
         return nullptr;
     }
+    n = round4(n);
     const char *p = bio->cursor;
     bio->cursor += n;
     bio->data_left -= n;
@@ -83,17 +83,16 @@ void store_object(char *p, uint32_t type, binder_uintptr_t binder_or_handle)
     std::memcpy(p, &obj, sizeof obj);
 }
 
-// Byte counts of the counted items for a length n. Computed in 32 bits on
-// purpose, like round4.
-uint32_t string16_bytes(uint32_t n) { return (n + 1) * uint32_t{sizeof(uint16_t)}; }
-uint32_t string_bytes(uint32_t n) { return n + 1; }
-uint32_t mem_bytes(uint32_t n) { return n; }
+// Byte counts of the counted items for a length n, without wrapping.
+uint64_t string16_bytes(uint64_t n) { return (n + 1) * sizeof(uint16_t); }
+uint64_t string_bytes(uint64_t n) { return n + 1; }
+uint64_t mem_bytes(uint64_t n) { return n; }
 
 // Length word, then the payload that fill(p, n) writes; the null marker
 // alone for an absent item or one whose length reaches the limit.
 template <typename Fill>
 void put_counted(binder_io *bio, const void *item, size_t length, uint32_t limit,
-                 uint32_t (*byte_count)(uint32_t), Fill fill)
+                 uint64_t (*byte_count)(uint64_t), Fill fill)
 {
     if (!item || length >= limit) {
         bio_put_uint32(bio, kNullLength);
@@ -101,18 +100,24 @@ void put_counted(binder_io *bio, const void *item, size_t length, uint32_t limit
     }
     const uint32_t n = static_cast<uint32_t>(length);
     bio_put_uint32(bio, n);
-    if (char *p = bio_reserve(bio, byte_count(n)))
+    // Below the limits the count fits 32 bits.
+    if (char *p = bio_reserve(bio, static_cast<uint32_t>(byte_count(n))))
         fill(p, n);
 }
 
 // Length word, then the item. A null item's length wraps to a byte count of
-// 0: nothing is consumed and the current position comes back.
-const void *get_counted(binder_io *bio, uint32_t *len, uint32_t (*byte_count)(uint32_t))
+// 0: nothing is consumed and the current position comes back. Any other
+// length is taken whole, so one near 2^32 fails like every short read rather
+// than wrapping to a small count and handing out a pointer to too few bytes.
+const void *get_counted(binder_io *bio, uint32_t *len, uint64_t (*byte_count)(uint64_t))
 {
     const uint32_t length = bio_get_uint32(bio);
     if (len)
         *len = length;
-    return bio_take(bio, byte_count(length));
+    if (length == kNullLength)
+        return bio_take(bio, 0);
+    const uint64_t bytes = byte_count(length);
+    return bio_take(bio, bytes > bio->data_left ? UINT32_MAX : static_cast<uint32_t>(bytes));
 }
 
 } // namespace

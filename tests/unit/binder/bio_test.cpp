@@ -254,6 +254,25 @@ TEST(BioRead, ShortReadPoisonsTheRest)
     EXPECT_EQ(bio_get_uint32(&in.bio), 0u); // 4 bytes were there
 }
 
+TEST(BioRead, LengthsNearTwoToThe32FailInsteadOfWrapping)
+{
+    // Rounded or terminated in 32 bits these lengths would come to a few
+    // bytes, and the caller would read billions from a tiny buffer.
+    using Reader = const void *(*)(binder_io *, uint32_t *);
+    const std::pair<Reader, uint32_t> cases[] = {
+        {[](binder_io *b, uint32_t *l) { return bio_get_mem(b, l); }, 0xFFFFFFFDu},
+        {[](binder_io *b, uint32_t *l) -> const void * { return bio_get_string(b, l); }, 0xFFFFFFFEu},
+        {[](binder_io *b, uint32_t *l) -> const void * { return bio_get_string16(b, l); }, 0x80000000u},
+    };
+    for (const auto &[read, length] : cases) {
+        Received in(Bytes().u32(length).u32(0x1234).u32(0x5678));
+        uint32_t len = 0;
+        EXPECT_EQ(read(&in.bio, &len), nullptr) << std::hex << length;
+        EXPECT_EQ(len, length);
+        EXPECT_EQ(in.bio.flags, BIO_FLAG_DRIVER_BUFFER | BIO_FLAG_OVERFLOW);
+    }
+}
+
 TEST(BioRead, EmptyReplyReadsZero)
 {
     Received in(ByteVec{});
