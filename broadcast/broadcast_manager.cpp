@@ -5,11 +5,7 @@
 
 using namespace hmisvc::proxy;
 
-std::string BroadcastManager::SERVICE_NAME = "broadcast";
-const unsigned int BroadcastManager::MAP_SIZE;
-
-BroadcastManager::BroadcastManager() : ServiceManager(SERVICE_NAME, 1024) { number(codes_); }
-BroadcastManager::~BroadcastManager() = default;
+HMISVC_DEFINE_PROXY(BroadcastManager, "broadcast");
 
 int BroadcastManager::RegisterBroadcastService(std::string name) {
     return call<kLarge>(*this, codes_[0], "RegisterBroadcastService", word, -1, name);

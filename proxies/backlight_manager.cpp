@@ -4,11 +4,7 @@
 
 using namespace hmisvc::proxy;
 
-std::string BacklightManager::SERVICE_NAME = "backlight";
-const unsigned int BacklightManager::MAP_SIZE;
-
-BacklightManager::BacklightManager() : ServiceManager(SERVICE_NAME, 1024) { number(codes_); }
-BacklightManager::~BacklightManager() = default;
+HMISVC_DEFINE_PROXY(BacklightManager, "backlight");
 
 int BacklightManager::GetBrightness() { return call<kSmall>(*this, codes_[0], "GetBrightness", word, -1); }
 // Reports its failure under the other getter's name, as the device does.

@@ -28,6 +28,14 @@ template <std::size_t N> void number(unsigned int (&codes)[N]) {
     std::iota(codes, codes + N, 0u);
 }
 
+// What every proxy class defines alike: its name, its mapping size, and a
+// constructor that looks the service up and numbers the method codes.
+#define HMISVC_DEFINE_PROXY(Class, name)                                                           \
+    std::string Class::SERVICE_NAME = name;                                                        \
+    const unsigned int Class::MAP_SIZE;                                                            \
+    Class::Class() : ServiceManager(SERVICE_NAME, MAP_SIZE) { hmisvc::proxy::number(codes_); }     \
+    Class::~Class() = default
+
 void report_failure(const char *label);
 
 // What std::string construction from a null pointer raised on the device's

@@ -5,11 +5,7 @@
 
 using namespace hmisvc::proxy;
 
-std::string DateManager::SERVICE_NAME = "date";
-const unsigned int DateManager::MAP_SIZE;
-
-DateManager::DateManager() : ServiceManager(SERVICE_NAME, 1024) { number(codes_); }
-DateManager::~DateManager() = default;
+HMISVC_DEFINE_PROXY(DateManager, "date");
 
 void DateManager::GetTime(Date &date) { call<kSmall>(*this, codes_[0], "GetTime", into(date), false); }
 void DateManager::SetTime(Date &date) { call<kSmall>(*this, codes_[1], "SetTime", nothing, no_value, date); }

@@ -5,11 +5,7 @@
 
 using namespace hmisvc::proxy;
 
-std::string EthInfoManager::SERVICE_NAME = "ethinfo";
-const unsigned int EthInfoManager::MAP_SIZE;
-
-EthInfoManager::EthInfoManager() : ServiceManager(SERVICE_NAME, 1024) { number(codes_); }
-EthInfoManager::~EthInfoManager() = default;
+HMISVC_DEFINE_PROXY(EthInfoManager, "ethinfo");
 
 bool EthInfoManager::GetEthinfo(NetInfo &info) {
     return call<kLarge>(*this, codes_[0], "GetEthinfo", into(info), false);

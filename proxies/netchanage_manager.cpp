@@ -4,11 +4,7 @@
 
 using namespace hmisvc::proxy;
 
-std::string NetChanageManager::SERVICE_NAME = "netchanage";
-const unsigned int NetChanageManager::MAP_SIZE;
-
-NetChanageManager::NetChanageManager() : ServiceManager(SERVICE_NAME, 1024) { number(codes_); }
-NetChanageManager::~NetChanageManager() = default;
+HMISVC_DEFINE_PROXY(NetChanageManager, "netchanage");
 
 int NetChanageManager::GetCurrentNet() { return call<kLarge>(*this, codes_[0], "get current net", word, 0); }
 bool NetChanageManager::SetFirstNet(int net) {

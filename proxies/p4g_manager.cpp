@@ -5,11 +5,7 @@
 
 using namespace hmisvc::proxy;
 
-std::string P4gManager::SERVICE_NAME = "4ginfo";
-const unsigned int P4gManager::MAP_SIZE;
-
-P4gManager::P4gManager() : ServiceManager(SERVICE_NAME, 1024) { number(codes_); }
-P4gManager::~P4gManager() = default;
+HMISVC_DEFINE_PROXY(P4gManager, "4ginfo");
 
 bool P4gManager::Get4ginfo(P4gInfo &info) { return call<kLarge>(*this, codes_[0], "Get4ginfo", into(info), false); }
 // A failed presence query answers yes.

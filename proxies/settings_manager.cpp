@@ -4,11 +4,7 @@
 
 using namespace hmisvc::proxy;
 
-std::string SettingsManager::SERVICE_NAME = "settings";
-const unsigned int SettingsManager::MAP_SIZE;
-
-SettingsManager::SettingsManager() : ServiceManager(SERVICE_NAME, 1024) { number(codes_); }
-SettingsManager::~SettingsManager() = default;
+HMISVC_DEFINE_PROXY(SettingsManager, "settings");
 
 // The getters send the default along, so the service can answer with it for
 // a missing setting; a failed call hands it back here, so the caller sees the

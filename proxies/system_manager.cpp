@@ -8,11 +8,7 @@
 
 using namespace hmisvc::proxy;
 
-std::string SystemManager::SERVICE_NAME = "system";
-const unsigned int SystemManager::MAP_SIZE;
-
-SystemManager::SystemManager() : ServiceManager(SERVICE_NAME, 1024) { number(codes_); }
-SystemManager::~SystemManager() = default;
+HMISVC_DEFINE_PROXY(SystemManager, "system");
 
 std::string SystemManager::GetUDiskRoot() { return call<kSmall>(*this, codes_[0], "GetUDiskRoot", text, ""); }
 

@@ -4,11 +4,7 @@
 
 using namespace hmisvc::proxy;
 
-std::string VncFrpVpnManager::SERVICE_NAME = "vncfrpvpn";
-const unsigned int VncFrpVpnManager::MAP_SIZE;
-
-VncFrpVpnManager::VncFrpVpnManager() : ServiceManager(SERVICE_NAME, 1024) { number(codes_); }
-VncFrpVpnManager::~VncFrpVpnManager() = default;
+HMISVC_DEFINE_PROXY(VncFrpVpnManager, "vncfrpvpn");
 
 bool VncFrpVpnManager::Vnc_Restart(int value) {
     return call<kSmall>(*this, codes_[0], "vnc restart", delivered<true>, false, value);

@@ -5,12 +5,7 @@
 
 using namespace hmisvc::proxy;
 
-std::string WifiManager::SERVICE_NAME = "wifiinfo";
-const unsigned int WifiManager::MAP_SIZE;
-
-// The scan list needs the larger mapping.
-WifiManager::WifiManager() : ServiceManager(SERVICE_NAME, 4096) { number(codes_); }
-WifiManager::~WifiManager() = default;
+HMISVC_DEFINE_PROXY(WifiManager, "wifiinfo");
 
 bool WifiManager::GetWifiinfo(WifiInfo &info) {
     return call<kLarge>(*this, codes_[0], "GetWifiinfo", into(info), false);
