@@ -1,21 +1,10 @@
 #include "peer.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-#include <cstring>
-#include <ctime>
 
 namespace peer {
 
 namespace {
-
-// Boots under emulation are slow; a child that has not said it is ready
-// within this time has gone wrong.
-constexpr int READY_TIMEOUT_MS = 60000;
 
 int echo(binder_connection *, binder_transaction_data *txn, binder_io *msg, binder_io *reply,
          void *)
@@ -47,37 +36,7 @@ int echo(binder_connection *, binder_transaction_data *txn, binder_io *msg, bind
     }
 }
 
-std::unique_ptr<Child> service_manager;
-
 }  // namespace
-
-Child::Child(std::function<int(int ready_fd)> body)
-{
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0)
-        return;
-    pid_ = fork();
-    if (pid_ == 0) {
-        close(fds[0]);
-        _exit(body(fds[1]));
-    }
-    close(fds[1]);
-    if (pid_ > 0) {
-        pollfd p{fds[0], POLLIN, 0};
-        char byte;
-        ready_ = poll(&p, 1, READY_TIMEOUT_MS) == 1 && read(fds[0], &byte, 1) == 1;
-    }
-    close(fds[0]);
-}
-
-void Child::kill()
-{
-    if (pid_ <= 0)
-        return;
-    ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-}
 
 std::unique_ptr<Child> start_echo(std::vector<std::string> names, uint32_t map_size)
 {
@@ -96,42 +55,6 @@ std::unique_ptr<Child> start_echo(std::vector<std::string> names, uint32_t map_s
         binder_loop2(bs, echo, nullptr);
         return 5;
     });
-}
-
-bool start_service_manager(const char *path)
-{
-    service_manager = std::make_unique<Child>([path](int) {
-        execl(path, path, "--verbose", static_cast<char *>(nullptr));
-        return 127;
-    });
-    // It answers once it is the context manager; before that a call to
-    // handle 0 fails at once. Any well-formed reply will do, even a refusal.
-    Connection bs(binder_open(4096));
-    if (!bs)
-        return false;
-    return eventually([&] {
-        char area[64];
-        binder_io msg, reply;
-        bio_init(&msg, area, sizeof area, 4);
-        bio_put_uint32(&msg, 0);
-        if (binder_call(bs.get(), &msg, &reply, SVCMGR_HANDLE, SVCMGR_CODE_LOOKUP) != 0)
-            return false;
-        binder_done(bs.get(), &msg, &reply);
-        return true;
-    });
-}
-
-void stop_service_manager() { service_manager.reset(); }
-
-bool eventually(const std::function<bool()> &pred, int tries)
-{
-    for (int i = 0; i < tries; ++i) {
-        if (pred())
-            return true;
-        timespec pause{0, 10 * 1000 * 1000};
-        nanosleep(&pause, nullptr);
-    }
-    return false;
 }
 
 }  // namespace peer
