@@ -57,6 +57,14 @@ bool start_devsim(std::vector<std::string> args = {})
 }
 
 
+std::vector<std::string> record_lines()
+{
+    std::ifstream in(g_record_file);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
 
 class Environment : public ::testing::Environment {
 public:
@@ -291,6 +299,156 @@ TEST_F(Live, ContextGivesTheClassOfEachName)
               std::dynamic_pointer_cast<DateManager>(b)->Modifiable());
 }
 
+
+// ---- the request bytes of every method ----
+
+// A request as the binder buffer lays it out: 32-bit words, 8-bit strings
+// with their NUL, blocks, each item padded to 4 bytes after a length word.
+class Bytes {
+public:
+    Bytes() { word(0); }  // every request starts with the word 0
+    Bytes &word(uint32_t v)
+    {
+        for (int i = 0; i < 4; ++i)
+            b_ += static_cast<char>(v >> (8 * i));
+        return *this;
+    }
+    Bytes &str(const std::string &s) { return counted(s.size(), s + '\0'); }
+    Bytes &mem(const std::string &m) { return counted(m.size(), m); }
+    std::string hex() const
+    {
+        std::string out;
+        char two[3];
+        for (unsigned char c : b_)
+            std::snprintf(two, sizeof two, "%02x", c), out += two;
+        return out;
+    }
+
+private:
+    Bytes &counted(size_t length, const std::string &payload)
+    {
+        word(static_cast<uint32_t>(length));
+        b_ += payload;
+        b_.append((4 - payload.size() % 4) % 4, '\0');
+        return *this;
+    }
+    std::string b_;
+};
+
+Date sample_date()
+{
+    Date d;
+    d.year = 2031, d.month = 4, d.day = 5, d.hour = 6, d.minute = 7, d.second = 8, d.subsecond = 9;
+    return d;
+}
+
+NetInfo sample_net()
+{
+    NetInfo n;
+    n.text1 = "10.1.2.3", n.text2 = "255.0.0.0", n.text3 = "10.0.0.1", n.text6 = "eth0";
+    n.kind = NetInfo::Kind(1);
+    return n;
+}
+
+struct Wire {
+    const char *name;
+    std::function<void()> call;
+    const char *service;
+    unsigned code;
+    Bytes request;
+};
+
+template <class P> std::function<void()> on(std::function<void(P &)> f)
+{
+    return [f] {
+        P p;
+        f(p);
+    };
+}
+
+const Wire kWire[] = {
+    {"GetValue", on<SettingsManager>([](auto &p) { p.GetValue("sec", "key", "dflt"); }), "settings", 0,
+     Bytes().str("sec").str("key").str("dflt")},
+    {"GetLongValue", on<SettingsManager>([](auto &p) { p.GetLongValue("sec", "key", -2); }), "settings", 1,
+     Bytes().str("sec").str("key").word(0xfffffffe)},
+    {"SetValue", on<SettingsManager>([](auto &p) { p.SetValue("s", "four", ""); }), "settings", 2,
+     Bytes().str("s").str("four").str("")},
+    {"SetLongValue", on<SettingsManager>([](auto &p) { p.SetLongValue("s", "k", 77); }), "settings", 3,
+     Bytes().str("s").str("k").word(77)},
+    {"Delete", on<SettingsManager>([](auto &p) { p.Delete("s", "k"); }), "settings", 4, Bytes().str("s").str("k")},
+    {"SaveFile", on<SettingsManager>([](auto &p) { p.SaveFile(); }), "settings", 5, Bytes()},
+    {"GetBrightness", on<BacklightManager>([](auto &p) { p.GetBrightness(); }), "backlight", 0, Bytes()},
+    {"GetMaxBrightness", on<BacklightManager>([](auto &p) { p.GetMaxBrightness(); }), "backlight", 1, Bytes()},
+    {"SetBrightness", on<BacklightManager>([](auto &p) { p.SetBrightness(55); }), "backlight", 2, Bytes().word(55)},
+    {"SetBrightnessToMax", on<BacklightManager>([](auto &p) { p.SetBrightnessToMax(); }), "backlight", 3, Bytes()},
+    {"Lock", on<BacklightManager>([](auto &p) { p.Lock(9); }), "backlight", 4, Bytes().word(9)},
+    {"Unlock", on<BacklightManager>([](auto &p) { p.Unlock(); }), "backlight", 5, Bytes()},
+    {"Beep", on<BeepManager>([](auto &p) { p.Beep(3, 4); }), "beep", 0, Bytes().word(3).word(4)},
+    {"GetTime", on<DateManager>([](auto &p) { Date d; p.GetTime(d); }), "date", 0, Bytes()},
+    {"SetTime", on<DateManager>([](auto &p) { Date d = sample_date(); p.SetTime(d); }), "date", 1,
+     Bytes().mem(sample_date().toString())},
+    {"SetModifiableTrue", on<DateManager>([](auto &p) { p.SetModifiable(true); }), "date", 2, Bytes().word(1)},
+    {"SetModifiableFalse", on<DateManager>([](auto &p) { p.SetModifiable(false); }), "date", 2, Bytes().word(0)},
+    {"Modifiable", on<DateManager>([](auto &p) { p.Modifiable(); }), "date", 3, Bytes()},
+    {"GetEthinfo", on<EthInfoManager>([](auto &p) { NetInfo n; p.GetEthinfo(n); }), "ethinfo", 0, Bytes()},
+    {"SetEthinfo", on<EthInfoManager>([](auto &p) { NetInfo n = sample_net(); p.SetEthinfo(n); }), "ethinfo", 1,
+     Bytes().mem(sample_net().toString())},
+    {"GetEthMac", on<EthInfoManager>([](auto &p) { p.GetEthMac(); }), "ethinfo", 2, Bytes()},
+    {"Get4ginfo", on<P4gManager>([](auto &p) { P4gInfo i; p.Get4ginfo(i); }), "4ginfo", 0, Bytes()},
+    {"GetIs4G", on<P4gManager>([](auto &p) { p.GetIs4G(); }), "4ginfo", 1, Bytes()},
+    {"Get4GCcid", on<P4gManager>([](auto &p) { p.Get4GCcid(); }), "4ginfo", 2, Bytes()},
+    {"GetWifiinfo", on<WifiManager>([](auto &p) { WifiInfo i; p.GetWifiinfo(i); }), "wifiinfo", 0, Bytes()},
+    {"SetWifiConnection", on<WifiManager>([](auto &p) { p.SetWifiConnection("ap", "pw123", 3); }), "wifiinfo", 1,
+     Bytes().str("ap").str("pw123").word(3)},
+    {"GetWifilist", on<WifiManager>([](auto &p) { std::vector<WifiList> l; p.GetWifilist(l); }), "wifiinfo", 2,
+     Bytes()},
+    {"GetIsWifi", on<WifiManager>([](auto &p) { p.GetIsWifi(); }), "wifiinfo", 3, Bytes()},
+    {"DisconnectCurrentWifi", on<WifiManager>([](auto &p) { p.DisconnectCurrentWifi(); }), "wifiinfo", 4, Bytes()},
+    {"GetWifiMac", on<WifiManager>([](auto &p) { p.GetWifiMac(); }), "wifiinfo", 5, Bytes()},
+    {"GetCurrentNet", on<NetChanageManager>([](auto &p) { p.GetCurrentNet(); }), "netchanage", 0, Bytes()},
+    {"SetFirstNet", on<NetChanageManager>([](auto &p) { p.SetFirstNet(1); }), "netchanage", 1, Bytes().word(1)},
+    {"GetNetLevel", on<NetChanageManager>([](auto &p) { p.GetNetLevel(); }), "netchanage", 2, Bytes()},
+    {"Vnc_Restart", on<VncFrpVpnManager>([](auto &p) { p.Vnc_Restart(1); }), "vncfrpvpn", 0, Bytes().word(1)},
+    {"Set_Vnc_Passwd", on<VncFrpVpnManager>([](auto &p) { p.Set_Vnc_Passwd("secret"); }), "vncfrpvpn", 1,
+     Bytes().str("secret")},
+    {"Frp_Restart", on<VncFrpVpnManager>([](auto &p) { p.Frp_Restart(); }), "vncfrpvpn", 2, Bytes()},
+    {"Frp_Close", on<VncFrpVpnManager>([](auto &p) { p.Frp_Close(); }), "vncfrpvpn", 3, Bytes()},
+    {"Vnc_Close", on<VncFrpVpnManager>([](auto &p) { p.Vnc_Close(); }), "vncfrpvpn", 4, Bytes()},
+    {"Vpn_Restart", on<VncFrpVpnManager>([](auto &p) { p.Vpn_Restart(2); }), "vncfrpvpn", 5, Bytes().word(2)},
+    {"Set_Vpn_Range", on<VncFrpVpnManager>([](auto &p) { p.Set_Vpn_Range("a", "bb", "ccc", "dddd"); }),
+     "vncfrpvpn", 6, Bytes().str("a").str("bb").str("ccc").str("dddd")},
+    {"Get_Vnc_Flag", on<VncFrpVpnManager>([](auto &p) { p.Get_Vnc_Flag(); }), "vncfrpvpn", 7, Bytes()},
+    {"Start", on<VpnManager>([](auto &p) { p.Start(1); }), "vpn", 0, Bytes().word(1)},
+    {"Stop", on<VpnManager>([](auto &p) { p.Stop(2); }), "vpn", 1, Bytes().word(2)},
+    {"GetUDiskRoot", on<SystemManager>([](auto &p) { p.GetUDiskRoot(); }), "system", 0, Bytes()},
+    {"UmountUDisk", on<SystemManager>([](auto &p) { p.UmountUDisk(); }), "system", 2, Bytes()},
+    {"GetStorageFreeSpace", on<SystemManager>([](auto &p) { p.GetStorageFreeSpace(); }), "system", 3, Bytes()},
+    {"GetRamFreeSpace", on<SystemManager>([](auto &p) { p.GetRamFreeSpace(); }), "system", 4, Bytes()},
+    {"GetDeviceID", on<SystemManager>([](auto &p) { p.GetDeviceID(); }), "system", 5, Bytes()},
+    {"GetDeviceType", on<SystemManager>([](auto &p) { p.GetDeviceType(); }), "system", 6, Bytes()},
+    {"GetDeviceSeries", on<SystemManager>([](auto &p) { p.GetDeviceSeries(); }), "system", 7, Bytes()},
+    {"GetDeviceModel", on<SystemManager>([](auto &p) { p.GetDeviceModel(); }), "system", 8, Bytes()},
+    {"GetHmiName", on<SystemManager>([](auto &p) { p.GetHmiName(); }), "system", 9, Bytes()},
+    {"GetVersion", on<SystemManager>([](auto &p) { p.GetVersion("fw"); }), "system", 10, Bytes().str("fw")},
+    {"GetVersionEmpty", on<SystemManager>([](auto &p) { p.GetVersion(""); }), "system", 10, Bytes().str("")},
+    {"ShowSettings", on<SystemManager>([](auto &p) { p.ShowSettings(true); }), "system", 11, Bytes().word(1)},
+    {"Reboot", on<SystemManager>([](auto &p) { p.Reboot(); }), "system", 12, Bytes()},
+    {"IsSettingsShown", on<SystemManager>([](auto &p) { p.IsSettingsShown(); }), "system", 13, Bytes()},
+};
+
+class RequestBytes : public Live {};
+
+TEST_F(RequestBytes, EveryMethodSendsItsLayout)
+{
+    for (const Wire &w : kWire) {
+        SCOPED_TRACE(w.name);
+        const size_t before = record_lines().size();
+        w.call();
+        const auto lines = record_lines();
+        ASSERT_EQ(lines.size(), before + 1);
+        EXPECT_EQ(lines.back(), std::string(w.service) + ' ' + std::to_string(w.code) + ' ' + w.request.hex());
+    }
+}
 
 }  // namespace
 
