@@ -37,6 +37,11 @@ std::string g_record_file;
 // The simulator as a child; its "ready" line arrives on the ready pipe.
 std::unique_ptr<peer::Child> g_devsim;
 
+bool service_found(const char *name)
+{
+    peer::Connection bs(binder_open(1024));
+    return bs && svcmgr_lookup(bs.get(), SVCMGR_HANDLE, name) != 0;
+}
 
 // Starts the simulator (publishing `only`, or every service) unless it runs.
 bool start_devsim(std::vector<std::string> args = {})
@@ -56,6 +61,12 @@ bool start_devsim(std::vector<std::string> args = {})
     return g_devsim->ready();
 }
 
+// Stops it and waits until the service manager has forgotten its names.
+bool stop_devsim()
+{
+    g_devsim.reset();
+    return peer::eventually([] { return !service_found("system") && !service_found("beep"); });
+}
 
 std::vector<std::string> record_lines()
 {
@@ -448,6 +459,167 @@ TEST_F(RequestBytes, EveryMethodSendsItsLayout)
         ASSERT_EQ(lines.size(), before + 1);
         EXPECT_EQ(lines.back(), std::string(w.service) + ' ' + std::to_string(w.code) + ' ' + w.request.hex());
     }
+}
+
+// ---- the service absent ----
+
+class Absent : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { ASSERT_TRUE(stop_devsim()); }
+};
+
+struct Down {
+    const char *service;
+    const char *label;                   // of the one "Fail binder call" line
+    std::function<bool()> failure_value; // builds the proxy, calls, checks the result
+};
+
+template <class P> std::function<bool()> down(std::function<bool(P &)> f)
+{
+    return [f] {
+        P p;
+        return f(p);
+    };
+}
+
+const Down kDown[] = {
+    {"settings", "GetValue", down<SettingsManager>([](auto &p) { return p.GetValue("a", "b", "x") == "x"; })},
+    {"settings", "GetLongValue", down<SettingsManager>([](auto &p) { return p.GetLongValue("a", "b", 7) == 7; })},
+    {"settings", "SetValue", down<SettingsManager>([](auto &p) { return p.SetValue("a", "b", "c") == -1; })},
+    {"settings", "SetLongValue", down<SettingsManager>([](auto &p) { return p.SetLongValue("a", "b", 1) == -1; })},
+    {"settings", "Delete", down<SettingsManager>([](auto &p) { return p.Delete("a", "b") == -1; })},
+    {"settings", "SaveFile", down<SettingsManager>([](auto &p) { return p.SaveFile() == -1; })},
+    {"backlight", "GetBrightness", down<BacklightManager>([](auto &p) { return p.GetBrightness() == -1; })},
+    {"backlight", "GetBrightness", down<BacklightManager>([](auto &p) { return p.GetMaxBrightness() == -1; })},
+    {"backlight", "SetBrightness", down<BacklightManager>([](auto &p) { return !p.SetBrightness(5); })},
+    {"backlight", "SetBrightnessToMax", down<BacklightManager>([](auto &p) { return !p.SetBrightnessToMax(); })},
+    {"backlight", "Lock", down<BacklightManager>([](auto &p) { return p.Lock(1), true; })},
+    {"backlight", "Unlock", down<BacklightManager>([](auto &p) { return p.Unlock(), true; })},
+    {"beep", "Beep", down<BeepManager>([](auto &p) { return p.Beep(1, 2), true; })},
+    {"date", "GetTime", down<DateManager>([](auto &p) {
+         Date d = sample_date();
+         p.GetTime(d);
+         return d.toString() == sample_date().toString();
+     })},
+    {"date", "SetTime", down<DateManager>([](auto &p) { Date d; return p.SetTime(d), true; })},
+    {"date", "SetModifiable", down<DateManager>([](auto &p) { return p.SetModifiable(true), true; })},
+    {"date", "Modifiable", down<DateManager>([](auto &p) { return !p.Modifiable(); })},
+    {"ethinfo", "GetEthinfo", down<EthInfoManager>([](auto &p) {
+         NetInfo n = sample_net();
+         return !p.GetEthinfo(n) && n.toString() == sample_net().toString();
+     })},
+    {"ethinfo", "SetEthinfo", down<EthInfoManager>([](auto &p) { NetInfo n; return !p.SetEthinfo(n); })},
+    {"ethinfo", "GetEthmac", down<EthInfoManager>([](auto &p) {
+         try { p.GetEthMac(); } catch (const std::logic_error &) { return true; }
+         return false;
+     })},
+    {"4ginfo", "Get4ginfo", down<P4gManager>([](auto &p) { P4gInfo i; return !p.Get4ginfo(i); })},
+    {"4ginfo", "get 4G module yes or not", down<P4gManager>([](auto &p) { return p.GetIs4G(); })},
+    {"4ginfo", "get 4G ccid", down<P4gManager>([](auto &p) {
+         try { p.Get4GCcid(); } catch (const std::logic_error &) { return true; }
+         return false;
+     })},
+    {"wifiinfo", "GetWifiinfo", down<WifiManager>([](auto &p) { WifiInfo i; return !p.GetWifiinfo(i); })},
+    {"wifiinfo", "wifi connect", down<WifiManager>([](auto &p) { return p.SetWifiConnection("a", "b", 0) == -1; })},
+    {"wifiinfo", "GetWifilist", down<WifiManager>([](auto &p) {
+         std::vector<WifiList> l(1);
+         return !p.GetWifilist(l) && l.size() == 1;
+     })},
+    {"wifiinfo", "wifi module yes or not", down<WifiManager>([](auto &p) { return p.GetIsWifi(); })},
+    {"wifiinfo", "disconnect current wifi", down<WifiManager>([](auto &p) { return p.DisconnectCurrentWifi(); })},
+    {"wifiinfo", "GetWifimac", down<WifiManager>([](auto &p) {
+         try { p.GetWifiMac(); } catch (const std::logic_error &) { return true; }
+         return false;
+     })},
+    {"netchanage", "get current net", down<NetChanageManager>([](auto &p) { return p.GetCurrentNet() == 0; })},
+    {"netchanage", "set first net", down<NetChanageManager>([](auto &p) { return !p.SetFirstNet(1); })},
+    {"netchanage", "get net level", down<NetChanageManager>([](auto &p) { return p.GetNetLevel() == 0; })},
+    {"vncfrpvpn", "vnc restart", down<VncFrpVpnManager>([](auto &p) { return !p.Vnc_Restart(1); })},
+    {"vncfrpvpn", "set vnc passwd", down<VncFrpVpnManager>([](auto &p) { return !p.Set_Vnc_Passwd("x"); })},
+    {"vncfrpvpn", "frp restart", down<VncFrpVpnManager>([](auto &p) { return !p.Frp_Restart(); })},
+    {"vncfrpvpn", "frp close", down<VncFrpVpnManager>([](auto &p) { return !p.Frp_Close(); })},
+    {"vncfrpvpn", "vnc close", down<VncFrpVpnManager>([](auto &p) { return !p.Vnc_Close(); })},
+    {"vncfrpvpn", "vpn restart", down<VncFrpVpnManager>([](auto &p) { return !p.Vpn_Restart(1); })},
+    {"vncfrpvpn", "set vpn ranage",
+     down<VncFrpVpnManager>([](auto &p) { return !p.Set_Vpn_Range("a", "b", "c", "d"); })},
+    {"vncfrpvpn", "get vnc flag", down<VncFrpVpnManager>([](auto &p) { return p.Get_Vnc_Flag() == 0; })},
+    {"vpn", "Start", down<VpnManager>([](auto &p) { return p.Start(1), true; })},
+    {"vpn", "Stop", down<VpnManager>([](auto &p) { return p.Stop(1), true; })},
+    {"system", "GetUDiskRoot", down<SystemManager>([](auto &p) { return p.GetUDiskRoot().empty(); })},
+    {"system", "UmountUDisk", down<SystemManager>([](auto &p) { return !p.UmountUDisk(); })},
+    {"system", "GetStorageFreeSpace", down<SystemManager>([](auto &p) { return p.GetStorageFreeSpace() == 0; })},
+    {"system", "GetRamFreeSpace", down<SystemManager>([](auto &p) { return p.GetRamFreeSpace() == 0; })},
+    {"system", "GetDeviceID", down<SystemManager>([](auto &p) { return p.GetDeviceID().empty(); })},
+    {"system", "GetDeviceType", down<SystemManager>([](auto &p) { return p.GetDeviceType() == 0; })},
+    {"system", "GetDeviceSeries", down<SystemManager>([](auto &p) { return p.GetDeviceSeries() == 0; })},
+    {"system", "GetDeviceModel", down<SystemManager>([](auto &p) { return p.GetDeviceModel() == 0; })},
+    {"system", "GetHmiName", down<SystemManager>([](auto &p) { return p.GetHmiName().empty(); })},
+    {"system", "GetVersion", down<SystemManager>([](auto &p) { return p.GetVersion("fw").empty(); })},
+    {"system", "ShowSettings", down<SystemManager>([](auto &p) { return p.ShowSettings(true), true; })},
+    {"system", "Reboot", down<SystemManager>([](auto &p) { return p.Reboot(), true; })},
+    {"system", "IsSettingsShown", down<SystemManager>([](auto &p) { return !p.IsSettingsShown(); })},
+};
+
+TEST_F(Absent, EveryMethodPrintsItsLineAndFails)
+{
+    for (const Down &d : kDown) {
+        SCOPED_TRACE(d.label);
+        CaptureStdout();
+        bool failure_value = d.failure_value();
+        EXPECT_EQ(GetCapturedStdout(), std::string("Failed to find service: ") + d.service +
+                                           "\nFail binder call " + d.label + "\n");
+        EXPECT_TRUE(failure_value);
+    }
+}
+
+TEST_F(Absent, ContextStillHandsOutTheProxy)
+{
+    CaptureStdout();
+    auto p = Context::getSystemService(Context::BEEP_SERVICE);
+    EXPECT_EQ(GetCapturedStdout(), "Failed to find service: beep\n");
+    EXPECT_NE(std::dynamic_pointer_cast<BeepManager>(p), nullptr);
+}
+
+// ---- UDiskMounted, in a mount namespace of its own ----
+
+// Runs in a forked child so the namespace ends with it: 0 when all cases
+// hold, 77 when the namespace cannot be had, otherwise the failing case.
+int udisk_cases()
+{
+    if (geteuid() != 0 || unshare(CLONE_NEWNS) != 0)
+        return 77;
+    // The guest's root is the host's, shared: nothing here may reach it.
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("hmisvc-mnt", "/mnt", "tmpfs", 0, nullptr) != 0)
+        return 77;
+    SystemManager probe_free;  // UDiskMounted needs no service
+    if (mkdir("/mnt/disk-mounted", 0755) != 0 || mkdir("/mnt/disk-unmounted", 0755) != 0 ||
+        mount("hmisvc-disk", "/mnt/disk-mounted", "tmpfs", 0, nullptr) != 0)
+        return 10;
+    if (symlink("/mnt/disk-mounted", "/mnt/udisk") != 0 || !probe_free.UDiskMounted())
+        return 1;
+    if (unlink("/mnt/udisk") != 0 || symlink("/mnt/disk-unmounted", "/mnt/udisk") != 0 || probe_free.UDiskMounted())
+        return 2;
+    // A plain directory is not the link, even with a disk mounted on it.
+    if (unlink("/mnt/udisk") != 0 || mkdir("/mnt/udisk", 0755) != 0 ||
+        mount("hmisvc-udisk", "/mnt/udisk", "tmpfs", 0, nullptr) != 0 || probe_free.UDiskMounted())
+        return 3;
+    return 0;
+}
+
+TEST(UDisk, MountedOnlyThroughALinkToAMountedTarget)
+{
+    CaptureStdout();  // the probe's lookup of "system" may fail
+    pid_t pid = fork();
+    if (pid == 0)
+        _exit(udisk_cases());
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    GetCapturedStdout();
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77)
+        GTEST_SKIP() << "needs root and a mount namespace";
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "case " << WEXITSTATUS(status) << " failed";
 }
 
 }  // namespace
