@@ -70,6 +70,7 @@ int main(int argc, char **argv)
     binder_connection *bs = binder_open(128 * 1024);
     if (!bs)
         return 1;
+    device.broadcasts.attach(bs);
     for (const Service *s : published) {
         if (svcmgr_publish(bs, SVCMGR_HANDLE, s->name, const_cast<Service *>(s)) != 0) {
             std::fprintf(stderr, "hmisvc-devsim: cannot publish \"%s\" (is a service manager running?)\n",

@@ -109,8 +109,18 @@ std::vector<Service> make_services(Device &d)
               }),
           sys("IsSettingsShown", [](SystemInfo &s) { return s.settings_shown; })}},
         {"beep", {beep("Beep", [](Beeper &b, int32_t x, int32_t y) { ++b.beeps, b.last[0] = x, b.last[1] = y; })}},
-        // "broadcast" goes here: endpoint registration (code 0) and fan-out
-        // of each sent intent to the registered endpoints (code 1).
+        {"broadcast",
+         {On{d.broadcasts}("RegisterBroadcastService",
+                           [](BroadcastHub &h, Text name) { return h.add(name), int32_t{0}; }),
+          // The intent travels as it came: the endpoints decode it.
+          {"SendBroadcast", [&d](Request &in, binder_io &reply) {
+               std::string payload = in.block();
+               if (!in.complete())
+                   return int{kBadRequest};
+               d.broadcasts.send(payload);
+               put(reply, int32_t{0});
+               return int{kOk};
+           }}}},
     };
 }
 

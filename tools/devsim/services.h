@@ -3,6 +3,7 @@
 #ifndef HMISVC_DEVSIM_SERVICES_H
 #define HMISVC_DEVSIM_SERVICES_H
 
+#include "broadcast_hub.h"
 #include "device_state.h"
 #include "settings_store.h"
 #include "wire.h"
@@ -26,6 +27,7 @@ struct Device {
     RemoteAccess remote;
     Vpn vpn;
     Beeper beeper;
+    BroadcastHub broadcasts;
 };
 
 struct Method {
