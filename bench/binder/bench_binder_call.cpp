@@ -7,6 +7,7 @@
 // Run it through tests/vm/run-in-vm (target bench-binder-vm).
 #include "alloc_counter.h"
 #include "raw_client.h"
+#include "timing.h"
 
 #include <hmisvc/binder.h>
 
@@ -78,9 +79,6 @@ int64_t library_call(binder_connection *bs, uint32_t arg)
     return word;
 }
 
-double ns(const timespec &t) { return t.tv_sec * 1e9 + t.tv_nsec; }
-double ns(const timeval &t) { return t.tv_sec * 1e9 + t.tv_usec * 1e3; }
-
 struct Totals {
     std::vector<double> wall_ns;  // one per round
     double user_ns = 0;
@@ -113,12 +111,6 @@ bool round(unsigned calls, Totals &totals, Call call)
     totals.calls += calls;
     totals.allocations += allocations;
     return true;
-}
-
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
 }
 
 void print_row(const char *name, const Totals &t, unsigned calls)

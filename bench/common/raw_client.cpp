@@ -12,6 +12,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 RawClient::~RawClient()
@@ -38,6 +39,45 @@ bool RawClient::open(uint32_t map_size)
 int64_t RawClient::call(uint32_t handle, uint32_t code, uint32_t arg)
 {
     const uint32_t payload[2] = {0, arg};
+    uint32_t word = 0;
+    return transact(handle, code, payload, sizeof payload, &word, 1) >= 1 ? int64_t{word} : -1;
+}
+
+int64_t RawClient::call(uint32_t handle, uint32_t code)
+{
+    const uint32_t payload = 0;
+    uint32_t word = 0;
+    return transact(handle, code, &payload, sizeof payload, &word, 1) >= 1 ? int64_t{word} : -1;
+}
+
+uint32_t RawClient::lookup(const char *name)
+{
+    // Header word, then interface and name as 16-bit strings (length, units,
+    // terminator, padded to 4 bytes).
+    uint32_t payload[256] = {};
+    size_t at = 1;
+    auto put16 = [&](const char *s) {
+        const size_t n = std::strlen(s);
+        payload[at++] = static_cast<uint32_t>(n);
+        auto *units = reinterpret_cast<uint16_t *>(&payload[at]);
+        for (size_t i = 0; i < n; ++i)
+            units[i] = static_cast<unsigned char>(s[i]);
+        at += ((n + 1) * 2 + 3) / 4;
+    };
+    if (std::strlen(name) > 400)
+        return 0;
+    put16("android.os.IServiceManager");
+    put16(name);
+    // The reply's object: type, flags, then the handle.
+    uint32_t words[3] = {};
+    if (transact(0, 2, payload, at * sizeof(uint32_t), words, 3, true) < 3)
+        return 0;
+    return words[2];
+}
+
+size_t RawClient::transact(uint32_t handle, uint32_t code, const void *payload, size_t size,
+                           uint32_t *words, size_t max_words, bool acquire_ref)
+{
     struct __attribute__((packed)) {
         uint32_t cmd;
         binder_transaction_data txn;
@@ -45,7 +85,7 @@ int64_t RawClient::call(uint32_t handle, uint32_t code, uint32_t arg)
     out.cmd = BC_TRANSACTION;
     out.txn.target.handle = handle;
     out.txn.code = code;
-    out.txn.data_size = sizeof payload;
+    out.txn.data_size = size;
     out.txn.data.ptr.buffer = reinterpret_cast<binder_uintptr_t>(payload);
 
     binder_write_read bwr{};
@@ -53,13 +93,13 @@ int64_t RawClient::call(uint32_t handle, uint32_t code, uint32_t arg)
     bwr.write_buffer = reinterpret_cast<binder_uintptr_t>(&out);
     uint32_t in[32];
     binder_uintptr_t reply = 0;
-    int64_t word = -1;
+    size_t got = 0;
     while (!reply) {
         bwr.read_size = sizeof in;
         bwr.read_consumed = 0;
         bwr.read_buffer = reinterpret_cast<binder_uintptr_t>(in);
         if (ioctl(fd_, BINDER_WRITE_READ, &bwr) < 0)
-            return -1;
+            return 0;
         const char *p = reinterpret_cast<const char *>(in);
         const char *end = p + bwr.read_consumed;
         while (p + sizeof(uint32_t) <= end) {
@@ -67,29 +107,32 @@ int64_t RawClient::call(uint32_t handle, uint32_t code, uint32_t arg)
             std::memcpy(&cmd, p, sizeof cmd);
             p += sizeof cmd;
             if (cmd == BR_DEAD_REPLY || cmd == BR_FAILED_REPLY)
-                return -1;
+                return 0;
             if (cmd == BR_REPLY) {
                 binder_transaction_data txn;
                 std::memcpy(&txn, p, sizeof txn);
                 reply = txn.data.ptr.buffer;
-                uint32_t first = 0;
-                if (txn.data_size >= sizeof first)
-                    std::memcpy(&first, reinterpret_cast<const void *>(reply), sizeof first);
-                word = first;
+                got = std::min<size_t>(max_words, txn.data_size / sizeof(uint32_t));
+                std::memcpy(words, reinterpret_cast<const void *>(reply), got * sizeof(uint32_t));
             }
             // Everything else (no-ops, reference counts) is only stepped over.
             p += _IOC_SIZE(cmd);
         }
     }
 
+    // A reference that arrived in the reply is ours only once acquired:
+    // freeing the buffer drops the buffer's own.
     struct __attribute__((packed)) {
+        uint32_t acquire_cmd;
+        uint32_t ref;
         uint32_t cmd;
         binder_uintptr_t buffer;
-    } give_back{BC_FREE_BUFFER, reply};
+    } give_back{BC_ACQUIRE, got >= 3 ? words[2] : 0, BC_FREE_BUFFER, reply};
+    const size_t skip = acquire_ref && got >= 3 && words[2] != 0 ? 0 : 2 * sizeof(uint32_t);
     binder_write_read free_bwr{};
-    free_bwr.write_size = sizeof give_back;
-    free_bwr.write_buffer = reinterpret_cast<binder_uintptr_t>(&give_back);
+    free_bwr.write_size = sizeof give_back - skip;
+    free_bwr.write_buffer = reinterpret_cast<binder_uintptr_t>(&give_back) + skip;
     if (ioctl(fd_, BINDER_WRITE_READ, &free_bwr) < 0)
-        return -1;
-    return word;
+        return 0;
+    return got;
 }

@@ -1,0 +1,130 @@
+// A scalar proxy call (SystemManager::GetDeviceType) against a minimal ioctl
+// client making the same transaction (code 6, the word 0) to the same
+// simulated service, in alternating rounds; the heap allocations of a scalar
+// call; and what building a proxy (open, map, lookup) costs.
+//
+// Needs /dev/binder and no other context manager. Run it through
+// tests/vm/run-in-vm (target bench-proxies-vm).
+#include "alloc_counter.h"
+#include "process.h"
+#include "raw_client.h"
+#include "timing.h"
+
+#include <hmisvc/proxies.h>
+
+#include <CLI/CLI.hpp>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <vector>
+
+namespace {
+
+constexpr uint32_t CODE_GET_DEVICE_TYPE = 6;
+
+struct Totals {
+    std::vector<double> wall_ns;  // one per round
+    double user_ns = 0;
+    unsigned long calls = 0;
+    unsigned long allocations = 0;
+};
+
+// `calls` runs of `op`, added to `totals`; false when one answers wrongly.
+template <class Op>
+bool round(unsigned calls, Totals &totals, Op op)
+{
+    rusage ru0, ru1;
+    timespec wall0, wall1;
+    getrusage(RUSAGE_THREAD, &ru0);
+    clock_gettime(CLOCK_MONOTONIC, &wall0);
+    unsigned long allocations = heap_allocations();
+    for (unsigned i = 0; i < calls; ++i)
+        if (!op())
+            return false;
+    allocations = heap_allocations() - allocations;
+    clock_gettime(CLOCK_MONOTONIC, &wall1);
+    getrusage(RUSAGE_THREAD, &ru1);
+    totals.wall_ns.push_back(ns(wall1) - ns(wall0));
+    totals.user_ns += ns(ru1.ru_utime) - ns(ru0.ru_utime);
+    totals.calls += calls;
+    totals.allocations += allocations;
+    return true;
+}
+
+void print_row(const char *name, const Totals &t, unsigned calls)
+{
+    std::printf("  %-22s %10.2f us %12.3f us %12.3f\n", name, median(t.wall_ns) / calls / 1e3,
+                t.user_ns / t.calls / 1e3, double(t.allocations) / t.calls);
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    CLI::App app{"SystemManager::GetDeviceType against a minimal ioctl client"};
+    unsigned rounds = 21, calls = 2000, builds = 500;
+    app.add_option("--rounds", rounds, "Rounds of each client, alternating")->check(CLI::Range(1u, 10000u));
+    app.add_option("--calls", calls, "Calls per round")->check(CLI::Range(1u, 10000000u));
+    app.add_option("--builds", builds, "Proxies built for the construction figure")->check(CLI::Range(1u, 100000u));
+    CLI11_PARSE(app, argc, argv);
+
+    if (!peer::start_service_manager(HMISVC_SERVICEMANAGER)) {
+        std::fprintf(stderr, "bench: cannot start the service manager\n");
+        return 2;
+    }
+    peer::Child devsim([](int ready_fd) {
+        dup2(ready_fd, STDOUT_FILENO);  // its "ready" line is the signal
+        execl(HMISVC_DEVSIM, HMISVC_DEVSIM, "--services", "system", static_cast<char *>(nullptr));
+        return 127;
+    });
+    SystemManager proxy;
+    RawClient raw;
+    const uint32_t handle = devsim.ready() && raw.open(SystemManager::MAP_SIZE) ? raw.lookup("system") : 0;
+    if (handle == 0) {
+        std::fprintf(stderr, "bench: the simulator's \"system\" service is not reachable\n");
+        peer::stop_service_manager();
+        return 2;
+    }
+    const int type = proxy.GetDeviceType();
+    auto lib = [&] { return proxy.GetDeviceType() == type; };
+    auto direct = [&] { return raw.call(handle, CODE_GET_DEVICE_TYPE) == type; };
+
+    Totals warm, lib_t, raw_t, build_t;
+    bool ok = type != 0 && round(calls, warm, lib) && round(calls, warm, direct);
+    std::vector<double> ratios;
+    for (unsigned r = 0; ok && r < rounds; ++r) {
+        if (r % 2)
+            ok = round(calls, raw_t, direct) && round(calls, lib_t, lib);
+        else
+            ok = round(calls, lib_t, lib) && round(calls, raw_t, direct);
+        if (ok)
+            ratios.push_back(lib_t.wall_ns.back() / raw_t.wall_ns.back());
+    }
+    for (int r = 0; ok && r < 5; ++r)
+        ok = round(builds, build_t, [] { return SystemManager().GetDeviceType() != 0; });
+    Totals call_only;  // to take the call out of the construction figure
+    for (int r = 0; ok && r < 5; ++r)
+        ok = round(builds, call_only, lib);
+    peer::stop_service_manager();
+    if (!ok) {
+        std::fprintf(stderr, "bench: a call failed or answered wrongly\n");
+        return 2;
+    }
+
+    std::printf("GetDeviceType round trips: %u rounds x %u calls per client, alternating\n", rounds, calls);
+    std::printf("  %-22s %13s %15s %12s\n", "client", "wall/call", "user CPU/call", "allocs/call");
+    print_row("SystemManager", lib_t, calls);
+    print_row("raw ioctl", raw_t, calls);
+    std::printf("wall ratio proxy / raw ioctl (median of rounds): %.3f\n", median(ratios));
+    std::printf("user CPU ratio proxy / raw ioctl: %.3f\n", lib_t.user_ns / raw_t.user_ns);
+    std::printf("proxy construction (open, map, lookup, close), %u per round, 5 rounds:\n", builds);
+    std::printf("  %.2f us wall (median round, one call taken out), %.3f us user CPU, %.1f allocations\n",
+                (median(build_t.wall_ns) - median(call_only.wall_ns)) / builds / 1e3,
+                (build_t.user_ns - call_only.user_ns) / build_t.calls / 1e3,
+                double(build_t.allocations - call_only.allocations) / build_t.calls);
+    return lib_t.allocations == 0 ? 0 : 1;
+}
