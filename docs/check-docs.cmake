@@ -1,0 +1,10 @@
+# Runs doxygen and fails when it warned.
+file(REMOVE ${LOG})
+execute_process(COMMAND ${DOXYGEN} ${DOXYFILE} RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "doxygen failed (${status})")
+endif()
+file(READ ${LOG} warnings)
+if(NOT warnings STREQUAL "")
+  message(FATAL_ERROR "doxygen warnings:\n${warnings}")
+endif()
