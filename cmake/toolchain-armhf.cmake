@@ -1,0 +1,20 @@
+# The device build: 32-bit ARM, hard float, glibc (Debian's
+# crossbuild-essential-armhf). Pointers are 32 bits, so the 32-bit binder
+# protocol is the default; libasound is opened from /usr/lib/libasound.so as on
+# the device. Programs (the unit tests) run on the host under qemu-arm (package
+# qemu-user) with the cross toolchain's loader and libraries.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+set(CMAKE_FIND_ROOT_PATH /usr/arm-linux-gnueabihf)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
+# GCC notes that passing some structs changed ABI in GCC 7; nothing here is
+# linked against code built before that.
+set(CMAKE_C_FLAGS_INIT -Wno-psabi)
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L /usr/arm-linux-gnueabihf)
