@@ -107,6 +107,9 @@ TEST_F(Services, MalformedRequestsAreRefusedAndChangeNothing)
         {"record cut short", "ethinfo", 1, req().mem(record.substr(0, record.size() - 1)), kBadRequest},
         {"record with bytes after it", "ethinfo", 1, req().mem(record + "x"), kBadRequest},
         {"null block", "ethinfo", 1, req().word(0xFFFFFFFF), kBadRequest},
+        {"endpoint name missing", "broadcast", 0, req(), kBadRequest},
+        {"intent missing", "broadcast", 1, req(), kBadRequest},
+        {"unknown broadcast code", "broadcast", 2, req(), kUnknownMethod},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(call(c.service, c.code, c.request).status, c.status) << c.what;
@@ -117,6 +120,7 @@ TEST_F(Services, MalformedRequestsAreRefusedAndChangeNothing)
     EXPECT_TRUE(device.settings.sections().empty());
     EXPECT_TRUE(device.clock.modifiable());
     EXPECT_EQ(device.network.ethernet().toString(), record);
+    EXPECT_EQ(device.broadcasts.endpoints(), 0u);
 }
 
 TEST_F(Services, AnswersInTheLayoutsTheProxiesDecode)
@@ -154,6 +158,11 @@ TEST_F(Services, AnswersInTheLayoutsTheProxiesDecode)
         list.mem(n.toString());
     EXPECT_EQ(call("wifiinfo", 2, req()).reply, list.data);
     EXPECT_EQ(call("date", 0, req()).reply.size(), 4u + 32u);
+    // A name is remembered once, however often it registers.
+    EXPECT_EQ(hex(call("broadcast", 0, req().str("BroadCast#7")).reply), "00000000");
+    EXPECT_EQ(hex(call("broadcast", 0, req().str("BroadCast#7")).reply), "00000000");
+    EXPECT_EQ(device.broadcasts.endpoints(), 1u);
+    EXPECT_EQ(call("broadcast", 1, req().mem("intent bytes")).status, kOk);
 }
 
 TEST_F(Services, AnAnswerTooLargeForTheReplyIsAnError)
