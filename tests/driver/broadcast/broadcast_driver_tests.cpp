@@ -402,6 +402,27 @@ TEST_F(Broadcasts, LargestIntentFitsAndOneByteMoreFails)
     EXPECT_EQ(GetCapturedStdout(), "Fail binder call SendBroadcast\n");
 }
 
+TEST_F(Broadcasts, AStoppedEndpointHoldsUpNobodyElse)
+{
+    Receivers stuck(Specs{{"stuck", {"test.slow"}}});
+    Receivers live(Specs{{"live", {"test.slow"}}});
+    ASSERT_TRUE(stuck.ready());
+    ASSERT_TRUE(live.ready());
+    ASSERT_EQ(kill(stuck.child->pid(), SIGSTOP), 0);
+    for (int i = 0; i < 3; ++i) {
+        Intent intent = make_intent("test.slow", i, "x");
+        Context::SendBroadcast(intent);
+    }
+    EXPECT_EQ(live.take(3).size(), 3u);
+    // Its delivery fails once it is gone; the others go on.
+    stuck.child->kill();
+    Intent after = make_intent("test.slow", 3, "x");
+    Context::SendBroadcast(after);
+    auto got = live.take(1);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0][4], "3");
+}
+
 // 10,000 intents from 4 threads to one receiver: each exactly once.
 TEST_F(Broadcasts, StormDeliversEveryIntentExactlyOnce)
 {
