@@ -66,6 +66,8 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6, libstdc++6")
 # ALSA is opened at run time, for playback only.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS "libasound2")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+# A shlibs file and ldconfig on install and removal (library packages only).
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libhmisvc-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libhmisvc${PROJECT_VERSION_MAJOR} (= ${_hmisvc_deb_version})")
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
