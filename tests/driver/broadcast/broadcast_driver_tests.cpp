@@ -39,31 +39,17 @@ using testing::internal::GetCapturedStdout;
 
 std::unique_ptr<peer::Child> g_devsim;
 
-bool service_found(const char *name)
-{
-    peer::Connection bs(binder_open(1024));
-    return bs && svcmgr_lookup(bs.get(), SVCMGR_HANDLE, name) != 0;
-}
-
 bool start_devsim(std::vector<std::string> args = {})
 {
     args.insert(args.begin(), HMISVC_DEVSIM);
-    g_devsim = std::make_unique<peer::Child>([args](int ready_fd) {
-        dup2(ready_fd, STDOUT_FILENO);
-        std::vector<char *> argv;
-        for (const auto &a : args)
-            argv.push_back(const_cast<char *>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        return 127;
-    });
+    g_devsim = peer::start_program(args);
     return g_devsim->ready();
 }
 
 bool stop_devsim()
 {
     g_devsim.reset();
-    return peer::eventually([] { return !service_found("broadcast"); });
+    return peer::eventually([] { return !peer::service_found("broadcast"); });
 }
 
 // Reads lines from a pipe, each wait bounded.
@@ -454,7 +440,7 @@ TEST_F(Broadcasts, StormDeliversEveryIntentExactlyOnce)
         wrong += n != 1;
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(kill(r.child->pid(), 0), 0) << "the receiving process died";
-    EXPECT_TRUE(service_found("broadcast"));
+    EXPECT_TRUE(peer::service_found("broadcast"));
 }
 
 // Must stay last: it stops the simulator.
@@ -466,7 +452,7 @@ protected:
 
 TEST_F(WithoutBroadcastService, EndpointStillPublishesAndServes)
 {
-    ASSERT_FALSE(service_found("broadcast"));
+    ASSERT_FALSE(peer::service_found("broadcast"));
     Receivers r(Specs{{"alone", {"test.raw"}}}, 1, 0, true);
     ASSERT_TRUE(r.ready());
     for (const char *want : {"Failed to find service: broadcast", "Fail binder call RegisterBroadcastService"}) {

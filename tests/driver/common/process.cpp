@@ -73,6 +73,25 @@ bool start_service_manager(const char *path)
 
 void stop_service_manager() { service_manager.reset(); }
 
+std::unique_ptr<Child> start_program(std::vector<std::string> args)
+{
+    return std::make_unique<Child>([args](int ready_fd) {
+        dup2(ready_fd, STDOUT_FILENO);
+        std::vector<char *> argv;
+        for (const auto &a : args)
+            argv.push_back(const_cast<char *>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        return 127;
+    });
+}
+
+bool service_found(const char *name)
+{
+    Connection bs(binder_open(1024));
+    return bs && svcmgr_lookup(bs.get(), SVCMGR_HANDLE, name) != 0;
+}
+
 bool eventually(const std::function<bool()> &pred, int tries)
 {
     for (int i = 0; i < tries; ++i) {

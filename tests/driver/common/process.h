@@ -9,6 +9,8 @@
 
 #include <functional>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace peer {
 
@@ -36,6 +38,13 @@ private:
     pid_t pid_ = -1;
     bool ready_ = false;
 };
+
+// Runs a program whose first line on stdout says it is ready (the device
+// simulator's "ready"); check ready() on the result.
+std::unique_ptr<Child> start_program(std::vector<std::string> argv);
+
+// Whether the service manager knows `name`.
+bool service_found(const char *name);
 
 // The service manager program, started once; true when it answers.
 bool start_service_manager(const char *path);

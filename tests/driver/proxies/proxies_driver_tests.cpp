@@ -37,27 +37,13 @@ std::string g_record_file;
 // The simulator as a child; its "ready" line arrives on the ready pipe.
 std::unique_ptr<peer::Child> g_devsim;
 
-bool service_found(const char *name)
-{
-    peer::Connection bs(binder_open(1024));
-    return bs && svcmgr_lookup(bs.get(), SVCMGR_HANDLE, name) != 0;
-}
-
 // Starts the simulator (publishing `only`, or every service) unless it runs.
 bool start_devsim(std::vector<std::string> args = {})
 {
     if (g_devsim)
         return true;
     args.insert(args.begin(), {HMISVC_DEVSIM, "--record", g_record_file});
-    g_devsim = std::make_unique<peer::Child>([args](int ready_fd) {
-        dup2(ready_fd, STDOUT_FILENO);
-        std::vector<char *> argv;
-        for (const auto &a : args)
-            argv.push_back(const_cast<char *>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        return 127;
-    });
+    g_devsim = peer::start_program(args);
     return g_devsim->ready();
 }
 
@@ -65,7 +51,7 @@ bool start_devsim(std::vector<std::string> args = {})
 bool stop_devsim()
 {
     g_devsim.reset();
-    return peer::eventually([] { return !service_found("system") && !service_found("beep"); });
+    return peer::eventually([] { return !peer::service_found("system") && !peer::service_found("beep"); });
 }
 
 std::vector<std::string> record_lines()
