@@ -81,6 +81,21 @@ void printDate(const Date &d)
                 d.minute, d.second, d.subsecond, d.extra);
 }
 
+const std::vector<Group> groupTable = {
+    {"system", "Storage, identity, firmware versions, settings screen, reboot (service \"system\")"},
+    {"settings", "Persistent values by section and key (service \"settings\")"},
+    {"backlight", "Screen brightness and its lock (service \"backlight\")"},
+    {"beep", "The beeper (service \"beep\")"},
+    {"date", "System date and time (service \"date\")"},
+    {"eth", "Wired Ethernet settings and MAC address (service \"ethinfo\")"},
+    {"4g", "The 4G modem (service \"4ginfo\")"},
+    {"wifi", "Wi-Fi state, scan list, connect, disconnect (service \"wifiinfo\")"},
+    {"net", "Network preference and level (service \"netchanage\")"},
+    {"vnc", "VNC server, frp tunnel and VPN (service \"vncfrpvpn\")"},
+    {"vpn", "The VPN (service \"vpn\")"},
+    {"broadcast", "Send and receive broadcasts (service \"broadcast\")"},
+};
+
 const std::vector<Command> table = {
     // system
     {"system", "udisk-root", "Mount point of the USB disk", {},
@@ -280,6 +295,7 @@ const std::vector<Command> table = {
 
 } // namespace
 
+const std::vector<Group> &groups() { return groupTable; }
 const std::vector<Command> &commands() { return table; }
 
 } // namespace cli

@@ -35,6 +35,13 @@ struct Command {
     Invoke invoke;
 };
 
+// A subcommand group: one service.
+struct Group {
+    const char *name;
+    const char *help;
+};
+
+const std::vector<Group> &groups();
 const std::vector<Command> &commands();
 
 } // namespace cli

@@ -6,7 +6,6 @@
 #include <deque>
 #include <exception>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <mutex>
 
@@ -134,18 +133,16 @@ int main(int argc, char **argv)
 {
     CLI::App app{"Call the device's system services"};
     app.require_subcommand(1);
+    app.footer("Exit status 1 when a call returned its failure value. Void calls, flags and\n"
+               "`settings get` cannot tell a failure: look for \"Fail binder call\" on stdout.");
     int status = 0;
 
     // Storage for the parsed arguments: one Values per command, kept stable.
     std::deque<cli::Values> values;
-    std::map<std::string, CLI::App *> groups;
+    for (const cli::Group &g : cli::groups())
+        app.add_subcommand(g.name, g.help)->require_subcommand(1);
     for (const cli::Command &c : cli::commands()) {
-        CLI::App *&group = groups[c.service];
-        if (!group) {
-            group = app.add_subcommand(c.service, std::string("The ") + c.service + " service");
-            group->require_subcommand(1);
-        }
-        CLI::App *cmd = group->add_subcommand(c.name, c.help);
+        CLI::App *cmd = app.get_subcommand(c.service)->add_subcommand(c.name, c.help);
         cli::Values &v = values.emplace_back();
         v.slots.resize(c.args.size());
         for (size_t i = 0; i < c.args.size(); ++i) {
