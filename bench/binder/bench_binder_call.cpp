@@ -79,40 +79,6 @@ int64_t library_call(binder_connection *bs, uint32_t arg)
     return word;
 }
 
-struct Totals {
-    std::vector<double> wall_ns;  // one per round
-    double user_ns = 0;
-    double thread_ns = 0;
-    unsigned long calls = 0;
-    unsigned long allocations = 0;  // made while the calls ran
-};
-
-// Runs `calls` calls, adding the round's figures to `totals`; false when a
-// call fails or answers wrongly.
-template <class Call>
-bool round(unsigned calls, Totals &totals, Call call)
-{
-    rusage ru0, ru1;
-    timespec wall0, wall1, cpu0, cpu1;
-    getrusage(RUSAGE_THREAD, &ru0);
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu0);
-    clock_gettime(CLOCK_MONOTONIC, &wall0);
-    unsigned long allocations = heap_allocations();
-    for (uint32_t i = 0; i < calls; ++i)
-        if (call(i) != int64_t{i} + 1)
-            return false;
-    allocations = heap_allocations() - allocations;
-    clock_gettime(CLOCK_MONOTONIC, &wall1);
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu1);
-    getrusage(RUSAGE_THREAD, &ru1);
-    totals.wall_ns.push_back(ns(wall1) - ns(wall0));
-    totals.user_ns += ns(ru1.ru_utime) - ns(ru0.ru_utime);
-    totals.thread_ns += ns(cpu1) - ns(cpu0);
-    totals.calls += calls;
-    totals.allocations += allocations;
-    return true;
-}
-
 void print_row(const char *name, const Totals &t, unsigned calls)
 {
     std::printf("  %-12s %12.2f us %14.3f us %16.2f us\n", name, median(t.wall_ns) / calls / 1e3,
@@ -145,20 +111,11 @@ int main(int argc, char **argv)
         return 2;
     }
 
-    auto lib = [&](uint32_t i) { return library_call(bs, i); };
-    auto direct = [&](uint32_t i) { return raw.call(SVCMGR_HANDLE, CODE_ADD1, i); };
-    Totals warm, lib_t, raw_t;
-    bool ok = round(calls, warm, lib) && round(calls, warm, direct);
+    auto lib = [&](uint32_t i) { return library_call(bs, i) == int64_t{i} + 1; };
+    auto direct = [&](uint32_t i) { return raw.call(SVCMGR_HANDLE, CODE_ADD1, i) == int64_t{i} + 1; };
+    Totals lib_t, raw_t;
     std::vector<double> ratios;
-    for (unsigned r = 0; ok && r < rounds; ++r) {
-        // Alternate which client goes first.
-        if (r % 2)
-            ok = round(calls, raw_t, direct) && round(calls, lib_t, lib);
-        else
-            ok = round(calls, lib_t, lib) && round(calls, raw_t, direct);
-        if (ok)
-            ratios.push_back(lib_t.wall_ns.back() / raw_t.wall_ns.back());
-    }
+    const bool ok = alternate(rounds, calls, lib_t, lib, raw_t, direct, ratios);
     kill(service, SIGKILL);
     waitpid(service, nullptr, 0);
     binder_close(bs);

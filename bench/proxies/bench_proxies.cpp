@@ -26,35 +26,6 @@ namespace {
 
 constexpr uint32_t CODE_GET_DEVICE_TYPE = 6;
 
-struct Totals {
-    std::vector<double> wall_ns;  // one per round
-    double user_ns = 0;
-    unsigned long calls = 0;
-    unsigned long allocations = 0;
-};
-
-// `calls` runs of `op`, added to `totals`; false when one answers wrongly.
-template <class Op>
-bool round(unsigned calls, Totals &totals, Op op)
-{
-    rusage ru0, ru1;
-    timespec wall0, wall1;
-    getrusage(RUSAGE_THREAD, &ru0);
-    clock_gettime(CLOCK_MONOTONIC, &wall0);
-    unsigned long allocations = heap_allocations();
-    for (unsigned i = 0; i < calls; ++i)
-        if (!op())
-            return false;
-    allocations = heap_allocations() - allocations;
-    clock_gettime(CLOCK_MONOTONIC, &wall1);
-    getrusage(RUSAGE_THREAD, &ru1);
-    totals.wall_ns.push_back(ns(wall1) - ns(wall0));
-    totals.user_ns += ns(ru1.ru_utime) - ns(ru0.ru_utime);
-    totals.calls += calls;
-    totals.allocations += allocations;
-    return true;
-}
-
 void print_row(const char *name, const Totals &t, unsigned calls)
 {
     std::printf("  %-22s %10.2f us %12.3f us %12.3f\n", name, median(t.wall_ns) / calls / 1e3,
@@ -90,22 +61,14 @@ int main(int argc, char **argv)
         return 2;
     }
     const int type = proxy.GetDeviceType();
-    auto lib = [&] { return proxy.GetDeviceType() == type; };
-    auto direct = [&] { return raw.call(handle, CODE_GET_DEVICE_TYPE) == type; };
+    auto lib = [&](unsigned) { return proxy.GetDeviceType() == type; };
+    auto direct = [&](unsigned) { return raw.call(handle, CODE_GET_DEVICE_TYPE) == type; };
 
-    Totals warm, lib_t, raw_t, build_t;
-    bool ok = type != 0 && round(calls, warm, lib) && round(calls, warm, direct);
+    Totals lib_t, raw_t, build_t;
     std::vector<double> ratios;
-    for (unsigned r = 0; ok && r < rounds; ++r) {
-        if (r % 2)
-            ok = round(calls, raw_t, direct) && round(calls, lib_t, lib);
-        else
-            ok = round(calls, lib_t, lib) && round(calls, raw_t, direct);
-        if (ok)
-            ratios.push_back(lib_t.wall_ns.back() / raw_t.wall_ns.back());
-    }
+    bool ok = type != 0 && alternate(rounds, calls, lib_t, lib, raw_t, direct, ratios);
     for (int r = 0; ok && r < 5; ++r)
-        ok = round(builds, build_t, [] { return SystemManager().GetDeviceType() != 0; });
+        ok = round(builds, build_t, [](unsigned) { return SystemManager().GetDeviceType() != 0; });
     Totals call_only;  // to take the call out of the construction figure
     for (int r = 0; ok && r < 5; ++r)
         ok = round(builds, call_only, lib);
