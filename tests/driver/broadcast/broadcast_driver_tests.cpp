@@ -2,6 +2,7 @@
 // forked children, the simulator's broadcast service fanning out, senders in
 // this process. Children report what their receivers got, one line each,
 // through a pipe.
+#include "../../common/meeting.h"
 #include "process.h"
 
 #include <hmisvc/binder.h>
@@ -103,24 +104,6 @@ std::vector<std::string> published_endpoints()
     return names;
 }
 
-// Lets `n` receivers meet: true only when all were inside onReceive at once,
-// that is each on a thread of its own.
-class Meeting {
-public:
-    explicit Meeting(int n) : n_(n) {}
-    bool attend()
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        ++arrived_;
-        all_.notify_all();
-        return all_.wait_for(lock, std::chrono::seconds(10), [&] { return arrived_ >= n_; });
-    }
-
-private:
-    int n_, arrived_ = 0;
-    std::mutex mutex_;
-    std::condition_variable all_;
-};
 
 // Writes one line per received intent:
 // "<tag> <intent address> <met> <action> <int extra n> <string extra s>".

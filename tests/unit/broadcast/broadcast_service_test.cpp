@@ -1,5 +1,6 @@
 // IntentFilter matching and printing, and BroadcastService dispatch: one
 // thread per matching receiver, all sharing the one intent.
+#include "../../common/meeting.h"
 #include <hmisvc/broadcast.h>
 
 #include <gtest/gtest.h>
@@ -57,25 +58,6 @@ TEST(IntentFilter, PrintsEachActionOnceInAscendingOrder)
     EXPECT_EQ(GetCapturedStdout(), "");
 }
 
-// Lets `n` receivers meet: each call waits until all have entered, which
-// only succeeds when they run on threads of their own at the same time.
-class Meeting {
-public:
-    explicit Meeting(int n) : n_(n) {}
-    bool attend()
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        ++arrived_;
-        all_.notify_all();
-        return all_.wait_for(lock, std::chrono::seconds(10), [&] { return arrived_ >= n_; });
-    }
-
-private:
-    int n_;
-    int arrived_ = 0;
-    std::mutex mutex_;
-    std::condition_variable all_;
-};
 
 // Records each call: the thread it ran on and the intent it got.
 class Recorder : public BroadcastReceiver {
