@@ -167,6 +167,39 @@ void play_mapped(const unsigned char *file, off_t file_size, bool &playing, int 
     afuncs.snd_pcm_close(pcm);
 }
 
+// A 24-bit file goes to ALSA as S24_LE, whose samples are 4 bytes wide over
+// the file's 3: the writes read up to a third past the data. The file is
+// therefore mapped at the start of a zero-filled, read-only reserve that
+// long, so ALSA reads silence there instead of unmapped memory. The reserve
+// is address space only; its pages are never touched unless read.
+struct WavMapping {
+    void *base = MAP_FAILED;
+    size_t length = 0;
+
+    bool map(int fd, off_t file_size)
+    {
+        if (file_size <= 0)
+            return false; // an empty file cannot be mapped
+        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        const size_t size = static_cast<size_t>(file_size);
+        length = (size + size / 3 + 2 * page) / page * page;
+        base = mmap(nullptr, length, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (base == MAP_FAILED)
+            return false;
+        if (mmap(base, size, PROT_READ, MAP_SHARED | MAP_FIXED, fd, 0) == MAP_FAILED) {
+            munmap(base, length);
+            base = MAP_FAILED;
+            return false;
+        }
+        return true;
+    }
+    ~WavMapping()
+    {
+        if (base != MAP_FAILED)
+            munmap(base, length);
+    }
+};
+
 void play_file(const std::string &path, bool &playing, int *status)
 {
     const int fd = open(path.c_str(), O_RDONLY);
@@ -175,18 +208,15 @@ void play_file(const std::string &path, bool &playing, int *status)
         return;
     }
     // The whole file is mapped and written from the mapping: nothing is
-    // copied or allocated per period. An empty file cannot be mapped.
+    // copied or allocated per period.
     struct stat st;
-    void *map = MAP_FAILED;
-    if (fstat(fd, &st) == 0)
-        map = mmap(nullptr, st.st_size, PROT_READ, MAP_SHARED, fd, 0);
-    if (map == MAP_FAILED) {
+    WavMapping mapping;
+    if (fstat(fd, &st) != 0 || !mapping.map(fd, st.st_size)) {
         *status = -2;
         close(fd);
         return;
     }
-    play_mapped(static_cast<const unsigned char *>(map), st.st_size, playing, status);
-    munmap(map, st.st_size);
+    play_mapped(static_cast<const unsigned char *>(mapping.base), st.st_size, playing, status);
     close(fd);
 }
 

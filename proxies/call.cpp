@@ -4,7 +4,11 @@
 
 namespace hmisvc::proxy {
 
-void report_failure(const char *label) { std::cout << "Fail binder call " << label << std::endl; }
+// One insertion, so lines from threads failing at once stay whole; the bytes
+// are those of "<< label << std::endl".
+void report_failure(const char *label) {
+    std::cout << (std::string("Fail binder call ") + label + '\n') << std::flush;
+}
 
 void throw_null_string() { throw std::logic_error("basic_string::_M_construct null not valid"); }
 

@@ -11,7 +11,9 @@ ServiceManager::ServiceManager(std::string name, unsigned int map_size)
     if (connection != nullptr)
         handle = static_cast<int>(svcmgr_lookup(connection, SVCMGR_HANDLE, service_name.c_str()));
     if (handle <= 0)
-        std::cout << "Failed to find service: " << service_name << std::endl;
+        // One insertion, so lines from threads failing at once stay whole;
+        // the bytes are those of "<< name << std::endl".
+        std::cout << ("Failed to find service: " + service_name + '\n') << std::flush;
 }
 
 ServiceManager::~ServiceManager() {

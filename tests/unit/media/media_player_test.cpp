@@ -119,6 +119,18 @@ INSTANTIATE_TEST_SUITE_P(
         Stream{"S24Stereo", 24, 2, 48000, 100, ""}),
     [](const testing::TestParamInfo<Stream> &info) { return info.param.name; });
 
+// S24_LE reads 4 bytes a sample over the file's 3, a third past the data.
+// The file ends on a page boundary, so the last write reads beyond the file's
+// own pages: it must read the zero-filled reserve, not crash.
+TEST_F(MediaPlayerTest, LongS24FilePlaysToTheEnd)
+{
+    const std::size_t data = 1535 * 4096 - 44; // whole stereo frames, about 6 MB
+    const std::string file = wav_file(2, 48000, 24, pattern(data));
+    ASSERT_EQ(file.size() % 4096, 0u);
+    play_to_end(sink().put_file("long24.wav", file));
+    EXPECT_EQ(sink().captured().size(), data / 6 * 8);
+}
+
 struct ShortFile {
     const char *name;
     std::size_t size; // first bytes of a 16-bit mono 8 kHz header
