@@ -13,6 +13,7 @@
 #include <hmisvc/context.h>
 #include <hmisvc/proxies.h>
 #include <hmisvc/records.h>
+#include <hmisvc/wait.h>
 
 namespace {
 
@@ -145,14 +146,17 @@ bool broadcast() {
     Intent hello("hmi.demo.hello");
     hello.putExtra("screen", 3);
     hello.putExtra("user", std::string("operator"));
-    // The endpoint announces itself on its own thread; resend until it is up.
-    for (int attempt = 0; attempt < 15; ++attempt) {
-        Context::SendBroadcast(hello);
-        if (auto got = inbox.wait(std::chrono::milliseconds(300))) {
-            std::cout << "  received:" << std::endl;
-            got->printExtras();
-            return true;
-        }
+    // The endpoint announces itself on its own thread: a broadcast sent
+    // before it receives would be lost.
+    if (!hmisvc::waitForReceiving(service, std::chrono::seconds(5))) {
+        std::cout << "  the endpoint did not start receiving" << std::endl;
+        return false;
+    }
+    Context::SendBroadcast(hello);
+    if (auto got = inbox.wait(std::chrono::seconds(5))) {
+        std::cout << "  received:" << std::endl;
+        got->printExtras();
+        return true;
     }
     std::cout << "  nothing arrived" << std::endl;
     return false;
@@ -162,6 +166,11 @@ bool broadcast() {
 
 int main() {
     std::cout << "hmi-demo: talking to the system services" << std::endl;
+    // A proxy built before its service is up stays unusable: wait first.
+    if (!hmisvc::waitForService(Context::SYSTEM_SERVICE, std::chrono::seconds(5))) {
+        std::cerr << "hmi-demo: the \"system\" service is not running" << std::endl;
+        return 1;
+    }
     system_info();
     settings();
     backlight_and_beep();
