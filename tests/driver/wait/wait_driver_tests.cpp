@@ -1,9 +1,12 @@
-// The waiting helpers on the real driver, against the simulator.
+// The waiting helpers, and the Qt example, on the real driver against the
+// simulator.
 #include "process.h"
 
 #include <hmisvc/binder.h>
 #include <hmisvc/broadcast.h>
 #include <hmisvc/context.h>
+#include <hmisvc/proxies.h>
+#include <hmisvc/records.h>
 #include <hmisvc/wait.h>
 
 #include <gtest/gtest.h>
@@ -108,6 +111,38 @@ TEST(WaitForReceiving, ABroadcastSentRightAfterArrives20Of20)
                 waits.front(), waits[waits.size() / 2], waits.back());
     EXPECT_FALSE(hmisvc::waitForReceiving(nullptr, 10ms));
 }
+
+#ifdef HMISVC_QT_PANEL
+// The Qt example headless: it moves its slider, lists the Wi-Fi networks and
+// shows a broadcast sent once it says it receives.
+TEST(QtPanel, ShowsWhatTheServicesSay)
+{
+    FILE *panel = popen("QT_QPA_PLATFORM=offscreen " HMISVC_QT_PANEL " --set-brightness 40 --print-state", "r");
+    ASSERT_NE(panel, nullptr);
+    std::string shown;
+    char line[512];
+    while (std::fgets(line, sizeof line, panel)) {
+        shown += line;
+        if (shown == "receiving\n") {
+            Intent show(Intent::ACTION_SHOW_SETTINGS);
+            show.putExtra("page", 3);
+            Context::SendBroadcast(show);
+        }
+    }
+    EXPECT_EQ(pclose(panel), 0);
+    auto backlight = std::dynamic_pointer_cast<BacklightManager>(Context::getSystemService(Context::BACKLIGHT_SERVICE));
+    EXPECT_EQ(backlight->GetBrightness(), 40);
+    std::string wifi;
+    std::vector<WifiList> networks;
+    auto manager = std::dynamic_pointer_cast<WifiManager>(Context::getSystemService(Context::WIFIINFO_SERVICE));
+    ASSERT_TRUE(manager->GetWifilist(networks));
+    ASSERT_FALSE(networks.empty());
+    for (WifiList &n : networks)
+        wifi += "wifi: " + n.text1 + " (" + std::to_string(n.value) + " dBm)\n";
+    EXPECT_EQ(shown, "receiving\nbrightness: 40 of " + std::to_string(backlight->GetMaxBrightness()) + "\n" + wifi +
+                         "broadcast: hmi.action.show.settings page=3\n");
+}
+#endif
 
 } // namespace
 
