@@ -1,5 +1,9 @@
-// Service access: the proxy base class and the Context facade that names the
-// system services and hands out proxies.
+/**
+ * @file
+ * Service access: the proxy base class and the Context facade that names the
+ * system services and hands out proxies. Failure lines go to standard
+ * output, one whole line each; nothing is thrown for a missing service.
+ */
 #ifndef HMISVC_CONTEXT_H
 #define HMISVC_CONTEXT_H
 
@@ -21,10 +25,11 @@ public:
     /// prints "Failed to find service: <name>" and leaves the proxy unusable
     /// (every call fails); it never throws for that.
     ServiceManager(std::string name, unsigned int map_size);
+    /// Closes the connection, which ends every reference it holds.
     virtual ~ServiceManager();
 
-    ServiceManager(const ServiceManager &) = delete;
-    ServiceManager &operator=(const ServiceManager &) = delete;
+    ServiceManager(const ServiceManager &) = delete;            ///< A proxy owns its connection: not copied.
+    ServiceManager &operator=(const ServiceManager &) = delete; ///< Not assigned.
 
     /// One synchronous transaction with the service. 0 on success with
     /// @p reply readable (give it back with BinderDone), -1 on failure; -1 at
@@ -34,17 +39,17 @@ public:
     void BinderDone(binder_io *msg, binder_io *reply);
 
 protected:
-    binder_connection *connection;
-    int handle;
-    std::string service_name;
-    unsigned int map_size;
+    binder_connection *connection; ///< the proxy's own connection, owned; null if the open failed
+    int handle;                    ///< the service's handle; valid only when greater than 0
+    std::string service_name;      ///< the name the proxy was built for
+    unsigned int map_size;         ///< bytes of the connection's mapping
 };
 
 /// Entry point of the library: the names of the system services, a proxy for
 /// a name, and the broadcast entries.
 class HMISVC_API Context {
 public:
-    Context() = delete;
+    Context() = delete; ///< Static members only.
 
     static std::string SETTINGS_SERVICE;   ///< "settings"
     static std::string BACKLIGHT_SERVICE;  ///< "backlight"

@@ -1,6 +1,10 @@
-// Audio playback: MediaPlayer plays one PCM WAV file through ALSA on a thread
-// of its own and reports the end through a completion callback. ALSA is not
-// linked; the library opens libasound on the first playback of the process.
+/**
+ * @file
+ * Audio playback: MediaPlayer plays one PCM WAV file through ALSA on a thread
+ * of its own and reports the end through a completion callback. ALSA is not
+ * linked; the library opens "/usr/lib/libasound.so" on the first playback of
+ * the process and plays on the PCM device "default".
+ */
 #ifndef HMISVC_MEDIA_H
 #define HMISVC_MEDIA_H
 
@@ -17,8 +21,14 @@ struct alsa_funcs;
 /// library that cannot be opened leaves funcs->handle null.
 extern "C" HMISVC_API int alsa_funcs_init(struct alsa_funcs *funcs);
 
+/// Plays canonical WAV files (44-byte header; 8, 16 or 24 bits; any channel
+/// count and rate the device takes). Everything after the header is played,
+/// trailing chunks included. 24-bit files go out as S24_LE. Failures print one
+/// of the "snd_pcm_... err" lines on standard output; the callback follows
+/// regardless. No locks: call Start and Stop from one thread.
 class HMISVC_API MediaPlayer {
 public:
+    /// A player without data source or callback.
     MediaPlayer();
     /// Does not stop a playback in progress: the player must outlive its
     /// play threads (wait for the completion callback).

@@ -1,5 +1,8 @@
-// Waiting for the other side: the library's proxies and endpoints never wait
-// for a service or an endpoint to be ready; these helpers do, with a limit.
+/**
+ * @file
+ * Waiting for the other side: the library's proxies and endpoints never wait
+ * for a service or an endpoint to be ready; these helpers do, with a limit.
+ */
 #ifndef HMISVC_WAIT_H
 #define HMISVC_WAIT_H
 
@@ -10,6 +13,7 @@
 
 class BroadcastService;
 
+/// Additions beside the designed classes.
 namespace hmisvc {
 
 /// Waits until @p name is registered with the service manager.
