@@ -150,9 +150,11 @@ struct flat_binder_object {
 
 /* ---- Transaction buffer ---- */
 
-/** binder_io::flags: the areas lie in the driver's mapping; give them back with binder_done() (or the reply). */
+/** binder_io::flags: the areas lie in the driver's mapping; give them back
+ * with binder_done() (or the reply). */
 #define BIO_FLAG_DRIVER_BUFFER 1u
-/** binder_io::flags: a put did not fit or a get read past the end. Sticky until bio_init(); binder_call() refuses such a request. */
+/** binder_io::flags: a put did not fit or a get read past the end. Sticky
+ * until bio_init(); binder_call() refuses such a request. */
 #define BIO_FLAG_OVERFLOW 2u
 /** binder_io::flags: set by binder_call() on the reply of a failed call. */
 #define BIO_FLAG_IO_ERROR 4u
