@@ -106,7 +106,7 @@ private:
     void load()
     {
         if (!hmisvc::waitForService(Context::BACKLIGHT_SERVICE, 10s)) {
-            gui([this] { level_->setText("backlight service not running"); });
+            gui([this] { fail(level_, "backlight service not running"); });
             return;
         }
         backlight_ = std::dynamic_pointer_cast<BacklightManager>(Context::getSystemService(Context::BACKLIGHT_SERVICE));
@@ -129,10 +129,13 @@ private:
 
         BroadcastService *service = Context::CreateBroadcastService();
         service->registerReceiver(&receiver_, &filter_);
-        const bool receiving = hmisvc::waitForReceiving(service, 10s);
-        gui([this, receiving] {
+        if (!hmisvc::waitForReceiving(service, 10s)) {
+            gui([this] { fail(broadcast_, "broadcasts do not arrive"); });
+            return;
+        }
+        gui([this] {
             if (print_state_) {
-                std::printf("%s\n", receiving ? "receiving" : "not receiving");
+                std::printf("receiving\n"); // a broadcast sent from now on arrives
                 std::fflush(stdout);
             }
             done_loading();
@@ -164,6 +167,16 @@ private:
         slider_->setValue(level);
         slider_->setEnabled(level >= 0);
         level_->setText(level >= 0 ? QString("%1 of %2").arg(level).arg(max) : "unavailable");
+    }
+
+    // Shown in the panel; a --print-state run ends there, unsuccessfully.
+    void fail(QLabel *where, const QString &what)
+    {
+        where->setText(what);
+        if (!print_state_)
+            return;
+        std::fprintf(stderr, "qt-panel: %s\n", what.toUtf8().constData());
+        QApplication::exit(1);
     }
 
     void show_broadcast(const QString &text)
@@ -221,7 +234,12 @@ int main(int argc, char **argv)
     parser.addHelpOption();
     parser.addOption({"set-brightness", "Move the brightness slider to <level> once loaded.", "level"});
     parser.addOption({"print-state", "Print what the panel shows once loaded, then quit."});
-    parser.process(app);
+    if (!parser.parse(QApplication::arguments())) {
+        std::fprintf(stderr, "qt-panel: %s\n", parser.errorText().toUtf8().constData());
+        return 2;
+    }
+    if (parser.isSet("help"))
+        parser.showHelp(0);
     int level = -1;
     if (parser.isSet("set-brightness")) {
         bool ok = false;
