@@ -178,8 +178,10 @@ struct WavMapping {
 
     bool map(int fd, off_t file_size)
     {
-        if (file_size <= 0)
-            return false; // an empty file cannot be mapped
+        // An empty file cannot be mapped; nor can one that, with its reserve,
+        // exceeds the address space.
+        if (file_size <= 0 || static_cast<std::uintmax_t>(file_size) > SIZE_MAX / 2)
+            return false;
         const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         const size_t size = static_cast<size_t>(file_size);
         length = (size + size / 3 + 2 * page) / page * page;
