@@ -24,7 +24,8 @@ int broadcast_transaction_handler(binder_connection *, binder_transaction_data *
     bio_get_uint32(msg); // header word
     if (txn->code != kDeliver) {
         puts("55555555555555555555555599999999999999999999");
-        std::cout << "unknow code :" << txn->code << std::endl;
+        // One insertion, like the failure lines: whole under concurrency.
+        std::cout << ("unknow code :" + std::to_string(txn->code) + '\n') << std::flush;
         puts("666666666666666666666666699999999999999999999");
         return 0;
     }
