@@ -62,7 +62,6 @@ TEST(WaitForService, SeesALatePublicationAndTimesOutOnNone)
     const auto again = Clock::now();
     EXPECT_FALSE(hmisvc::waitForService("wait.never", 250ms));
     EXPECT_GE(ms_since(again), 250);
-    EXPECT_LT(ms_since(again), 5000);
 }
 
 // Counts deliveries of one action.
