@@ -32,21 +32,6 @@ using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
-std::unique_ptr<peer::Child> g_devsim;
-
-bool start_devsim(std::vector<std::string> args = {})
-{
-    args.insert(args.begin(), HMISVC_DEVSIM);
-    g_devsim = peer::start_program(args);
-    return g_devsim->ready();
-}
-
-bool stop_devsim()
-{
-    g_devsim.reset();
-    return peer::eventually([] { return !peer::service_found("broadcast"); });
-}
-
 // Reads lines from a pipe, each wait bounded.
 class LineReader {
 public:
@@ -239,17 +224,13 @@ Intent make_intent(const std::string &action, int n, const std::string &s)
 class Environment : public ::testing::Environment {
 public:
     void SetUp() override { ASSERT_TRUE(peer::start_service_manager(HMISVC_SERVICEMANAGER)); }
-    void TearDown() override
-    {
-        g_devsim.reset();
-        peer::stop_service_manager();
-    }
+    void TearDown() override { peer::stop_service_manager(); }
 };
 
 class Broadcasts : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(start_devsim()); }
-    static void TearDownTestSuite() { ASSERT_TRUE(stop_devsim()); }
+    static void SetUpTestSuite() { ASSERT_TRUE(peer::start_devsim({HMISVC_DEVSIM})); }
+    static void TearDownTestSuite() { ASSERT_TRUE(peer::stop_devsim({"broadcast"})); }
 };
 
 // Dispatch within the receiving process (a thread per receiver, one shared
@@ -395,8 +376,7 @@ TEST_F(Broadcasts, StormDeliversEveryIntentExactlyOnce)
 // Must stay last: it stops the simulator.
 class WithoutBroadcastService : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(start_devsim({"--services", "system"})); }
-    static void TearDownTestSuite() { g_devsim.reset(); }
+    static void SetUpTestSuite() { ASSERT_TRUE(peer::start_devsim({HMISVC_DEVSIM, "--services", "system"})); }
 };
 
 TEST_F(WithoutBroadcastService, EndpointStillPublishesAndServes)

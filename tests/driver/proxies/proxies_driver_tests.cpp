@@ -32,25 +32,6 @@ using testing::internal::GetCapturedStdout;
 
 std::string g_record_file;
 
-// The simulator as a child; its "ready" line arrives on the ready pipe.
-std::unique_ptr<peer::Child> g_devsim;
-
-// Starts the simulator (publishing `only`, or every service) unless it runs.
-bool start_devsim(std::vector<std::string> args = {})
-{
-    if (g_devsim)
-        return true;
-    args.insert(args.begin(), {HMISVC_DEVSIM, "--record", g_record_file});
-    g_devsim = peer::start_program(args);
-    return g_devsim->ready();
-}
-
-// Stops it and waits until the service manager has forgotten its names.
-bool stop_devsim()
-{
-    g_devsim.reset();
-    return peer::eventually([] { return !peer::service_found("system") && !peer::service_found("beep"); });
-}
 
 std::vector<std::string> record_lines()
 {
@@ -74,7 +55,6 @@ public:
     }
     void TearDown() override
     {
-        g_devsim.reset();
         peer::stop_service_manager();
         std::remove(g_record_file.c_str());
     }
@@ -84,7 +64,7 @@ public:
 
 class Live : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(start_devsim()); }
+    static void SetUpTestSuite() { ASSERT_TRUE(peer::start_devsim({HMISVC_DEVSIM, "--record", g_record_file})); }
 };
 
 TEST_F(Live, SettingsRoundTrip)
@@ -446,7 +426,7 @@ TEST_F(RequestBytes, EveryMethodSendsItsLayout)
 
 class Absent : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(stop_devsim()); }
+    static void SetUpTestSuite() { ASSERT_TRUE(peer::stop_devsim({"system", "beep"})); }
 };
 
 TEST_F(Absent, EveryMethodPrintsItsLineAndFails)
