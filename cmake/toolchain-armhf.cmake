@@ -8,7 +8,13 @@ set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
-set(CMAKE_FIND_ROOT_PATH /usr/arm-linux-gnueabihf)
+# The cross toolchain's own tree, and / for the multiarch armhf packages
+# (libinih-dev:armhf) in /usr/lib/arm-linux-gnueabihf. Their static archives
+# are preferred: the device (and the ARM test guest, which sees only the
+# cross toolchain's libraries) has no copy of them.
+set(CMAKE_FIND_ROOT_PATH /usr/arm-linux-gnueabihf /)
+# (Read after CMake's platform files, which set the suffixes themselves.)
+set(CMAKE_USER_MAKE_RULES_OVERRIDE ${CMAKE_CURRENT_LIST_DIR}/prefer-static-libraries.cmake)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)

@@ -121,71 +121,16 @@ TEST_F(BinderDriver, LookupFindsWhatAnotherProcessPublished)
     EXPECT_EQ(lookup("drv.unknown"), 0u);
 }
 
-TEST_F(BinderDriver, CallCarriesRequestAndReplyItems)
-{
-    auto [service, handle] = serve("drv.mirror");
-    ASSERT_NE(handle, 0u);
-
-    const uint16_t text16[] = {'h', 0xe9, 'l', 0x263a, 0};
-    const unsigned char block[] = {0, 1, 2, 0xfe, 0xff};
-    char area[256];
-    binder_io msg;
-    bio_init(&msg, area, sizeof area, 4);
-    bio_put_uint32(&msg, 41);
-    bio_put_string16(&msg, text16);
-    bio_put_string(&msg, "abc");
-    bio_put_mem(&msg, block, sizeof block);
-
-    Reply reply(bs.get());
-    ASSERT_EQ(binder_call(bs.get(), &msg, &reply.io, handle, peer::ECHO_MIRROR), 0);
-    EXPECT_EQ(reply.io.flags, BIO_FLAG_DRIVER_BUFFER);
-    // 4 + (4 + 12) + (4 + 4) + (4 + 8): every item rounded to 4 bytes.
-    EXPECT_EQ(reply.io.data_left, 40u);
-    EXPECT_EQ(bio_get_uint32(&reply.io), 42u);
-    uint32_t len = 0;
-    const uint16_t *s16 = bio_get_string16(&reply.io, &len);
-    ASSERT_EQ(len, 4u);
-    EXPECT_EQ(std::memcmp(s16, text16, sizeof text16), 0);
-    const char *s8 = bio_get_string(&reply.io, &len);
-    ASSERT_EQ(len, 3u);
-    EXPECT_STREQ(s8, "abc");
-    const void *mem = bio_get_mem(&reply.io, &len);
-    ASSERT_EQ(len, sizeof block);
-    EXPECT_EQ(std::memcmp(mem, block, sizeof block), 0);
-    EXPECT_EQ(reply.io.data_left, 0u);
-
-    binder_done(bs.get(), &msg, &reply.io);
-    EXPECT_EQ(reply.io.flags, 0u);
-}
-
-TEST_F(BinderDriver, HandlerStatusArrivesAsTheOneReplyWord)
-{
-    auto [service, handle] = serve("drv.status");
-    ASSERT_NE(handle, 0u);
-    for (int32_t status : {7, -1, -22}) {
-        char area[64];
-        binder_io msg;
-        bio_init(&msg, area, sizeof area, 4);
-        bio_put_uint32(&msg, static_cast<uint32_t>(status));
-        Reply reply(bs.get());
-        // The call itself succeeds; the status is what the caller decodes.
-        ASSERT_EQ(binder_call(bs.get(), &msg, &reply.io, handle, peer::ECHO_STATUS), 0);
-        EXPECT_EQ(reply.io.data_left, 4u);
-        EXPECT_EQ(reply.io.offsets_left, 0u);
-        EXPECT_EQ(static_cast<int32_t>(bio_get_uint32(&reply.io)), status);
-    }
-}
-
 // Each reply occupies the caller's mapping until binder_done gives it back:
-// a 1024-byte mapping serves any number of calls that do so, and only a few
-// dozen that do not.
+// a 1024-byte mapping serves any number of calls that do so (here several
+// times what it holds), and at most a page's worth that do not.
 TEST_F(BinderDriver, RepliesGivenBackKeepASmallMappingUsable)
 {
     Connection small(binder_open(1024));
     ASSERT_NE(small, nullptr);
     auto [service, handle] = ::serve("drv.many", small.get());
     ASSERT_NE(handle, 0u);
-    for (uint32_t i = 0; i < 100000; ++i) {
+    for (uint32_t i = 0; i < 5000; ++i) {
         char area[64];
         binder_io msg, reply;
         bio_init(&msg, area, sizeof area, 4);
@@ -299,20 +244,10 @@ TEST_F(BinderDriver, CallToKilledServiceFails)
     EXPECT_EQ(reply.flags, BIO_FLAG_IO_ERROR);
 }
 
-TEST_F(BinderDriver, ServiceManagerForgetsDeadPublisher)
-{
-    auto service = peer::start_echo({"drv.mortal", "drv.mortal2"});
-    ASSERT_TRUE(service->ready());
-    ASSERT_NE(lookup("drv.mortal"), 0u);
-    service->kill();
-    EXPECT_TRUE(peer::eventually([&] { return lookup("drv.mortal") == 0; }));
-    EXPECT_EQ(lookup("drv.mortal2"), 0u);
-}
-
 TEST_F(BinderDriver, PublishingTakenNameReplacesIt)
 {
     // The first publisher keeps a name of its own, whose disappearance shows
-    // that the service manager has seen it die.
+    // that the service manager has seen it die and forgotten all its names.
     auto first = peer::start_echo({"drv.shared", "drv.first"});
     ASSERT_TRUE(first->ready());
     auto second = peer::start_echo({"drv.shared"});

@@ -13,24 +13,9 @@ int echo(binder_connection *, binder_transaction_data *txn, binder_io *msg, bind
     case ECHO_ADD1:
         bio_put_uint32(reply, bio_get_uint32(msg) + 1);
         return 0;
-    case ECHO_MIRROR: {
-        bio_put_uint32(reply, bio_get_uint32(msg) + 1);
-        uint32_t len16 = 0, len8 = 0, lenmem = 0;
-        const uint16_t *s16 = bio_get_string16(msg, &len16);
-        const char *s8 = bio_get_string(msg, &len8);
-        const void *mem = bio_get_mem(msg, &lenmem);
-        if (msg->flags & BIO_FLAG_OVERFLOW)
-            return -2;
-        bio_put_string16(reply, s16);
-        bio_put_string(reply, s8);
-        bio_put_mem(reply, mem, lenmem);
-        return 0;
-    }
     case ECHO_PID:
         bio_put_uint32(reply, static_cast<uint32_t>(getpid()));
         return 0;
-    case ECHO_STATUS:
-        return static_cast<int>(bio_get_uint32(msg));
     default:
         return -3;
     }

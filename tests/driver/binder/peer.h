@@ -15,10 +15,8 @@ namespace peer {
 
 // Codes the echo service understands.
 enum EchoCode : uint32_t {
-    ECHO_ADD1 = 1,    // uint32 n -> n + 1
-    ECHO_MIRROR = 2,  // uint32, 16-bit string, 8-bit string, block -> n + 1, the rest as sent
-    ECHO_PID = 3,     // -> the service's process id
-    ECHO_STATUS = 4,  // int32 s -> handler result s (a status reply when non-zero)
+    ECHO_ADD1 = 1,  // uint32 n -> n + 1
+    ECHO_PID = 2,   // -> the service's process id
 };
 
 // An echo service publishing itself under each of `names`, serving with

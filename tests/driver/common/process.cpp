@@ -17,6 +17,7 @@ namespace {
 constexpr int READY_TIMEOUT_MS = 60000;
 
 std::unique_ptr<Child> service_manager;
+std::unique_ptr<Child> devsim;
 
 }  // namespace
 
@@ -71,7 +72,29 @@ bool start_service_manager(const char *path)
     });
 }
 
-void stop_service_manager() { service_manager.reset(); }
+void stop_service_manager()
+{
+    devsim.reset();
+    service_manager.reset();
+}
+
+bool start_devsim(std::vector<std::string> argv)
+{
+    if (!devsim)
+        devsim = start_program(std::move(argv));
+    return devsim->ready();
+}
+
+bool stop_devsim(std::vector<std::string> names)
+{
+    devsim.reset();
+    return eventually([&] {
+        for (const auto &name : names)
+            if (service_found(name.c_str()))
+                return false;
+        return true;
+    });
+}
 
 std::unique_ptr<Child> start_program(std::vector<std::string> args)
 {

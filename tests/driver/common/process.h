@@ -43,6 +43,12 @@ private:
 // simulator's "ready"); check ready() on the result.
 std::unique_ptr<Child> start_program(std::vector<std::string> argv);
 
+// The device simulator (`argv`: its path and arguments), one copy at a time;
+// start_devsim does nothing while it runs. stop_devsim waits until the service
+// manager has forgotten `names`, published by it.
+bool start_devsim(std::vector<std::string> argv);
+bool stop_devsim(std::vector<std::string> names);
+
 // Whether the service manager knows `name`.
 bool service_found(const char *name);
 

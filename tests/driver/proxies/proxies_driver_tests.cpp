@@ -1,7 +1,7 @@
 // Every service proxy against the device simulator (hmisvc-devsim) over the
-// real driver: values round-trip, the request bytes each method sends, the
-// service-absent path, Context's name table, UDiskMounted and a request too
-// long for its buffer.
+// real driver: replies decode, the request bytes each method sends, the
+// service-absent path, Context's name table and UDiskMounted. The
+// simulator's own model (ranges, locks, answers) is its unit tests' business.
 #include "process.h"
 
 #include <hmisvc/context.h>
@@ -27,32 +27,11 @@
 
 namespace {
 
-using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
 std::string g_record_file;
 
-// The simulator as a child; its "ready" line arrives on the ready pipe.
-std::unique_ptr<peer::Child> g_devsim;
-
-// Starts the simulator (publishing `only`, or every service) unless it runs.
-bool start_devsim(std::vector<std::string> args = {})
-{
-    if (g_devsim)
-        return true;
-    args.insert(args.begin(), {HMISVC_DEVSIM, "--record", g_record_file});
-    g_devsim = peer::start_program(args);
-    return g_devsim->ready();
-}
-
-// Stops it and waits until the service manager has forgotten its names.
-bool stop_devsim()
-{
-    g_devsim.reset();
-    return peer::eventually([] { return !peer::service_found("system") && !peer::service_found("beep"); });
-}
 
 std::vector<std::string> record_lines()
 {
@@ -76,7 +55,6 @@ public:
     }
     void TearDown() override
     {
-        g_devsim.reset();
         peer::stop_service_manager();
         std::remove(g_record_file.c_str());
     }
@@ -86,7 +64,7 @@ public:
 
 class Live : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(start_devsim()); }
+    static void SetUpTestSuite() { ASSERT_TRUE(peer::start_devsim({HMISVC_DEVSIM, "--record", g_record_file})); }
 };
 
 TEST_F(Live, SettingsRoundTrip)
@@ -102,19 +80,13 @@ TEST_F(Live, SettingsRoundTrip)
     EXPECT_EQ(s.GetValue("net", "host", "gone"), "gone");
 }
 
-TEST_F(Live, BacklightFollowsTheSimulatorModel)
+TEST_F(Live, BacklightAnswers)
 {
     BacklightManager b;
     EXPECT_EQ(b.GetMaxBrightness(), 100);
     EXPECT_TRUE(b.SetBrightness(42));
     EXPECT_EQ(b.GetBrightness(), 42);
     EXPECT_FALSE(b.SetBrightness(101));
-    EXPECT_EQ(b.GetBrightness(), 42);
-    b.Lock(1);
-    EXPECT_FALSE(b.SetBrightness(10));
-    b.Unlock();
-    EXPECT_TRUE(b.SetBrightnessToMax());
-    EXPECT_EQ(b.GetBrightness(), 100);
 }
 
 TEST_F(Live, DateRoundTripsWithinTolerance)
@@ -163,7 +135,7 @@ TEST_F(Live, ModemAnswers)
     EXPECT_EQ(p.Get4GCcid(), "89860000000000000001");
 }
 
-TEST_F(Live, WifiListAppendsAndConnectFollowsTheModel)
+TEST_F(Live, WifiListAppendsAndInfoFollowsTheConnection)
 {
     WifiManager w;
     std::vector<WifiList> list;
@@ -178,7 +150,6 @@ TEST_F(Live, WifiListAppendsAndConnectFollowsTheModel)
 
     EXPECT_TRUE(w.GetIsWifi());
     EXPECT_EQ(w.GetWifiMac(), "02:48:4d:49:00:02");
-    EXPECT_EQ(w.SetWifiConnection("no-such-net", "password1", 0), 1);
     EXPECT_EQ(w.SetWifiConnection(list[0].text1, "short", 0), 2);
     EXPECT_EQ(w.SetWifiConnection(list[0].text1, "long-enough", 0), 0);
     WifiInfo info;
@@ -186,20 +157,15 @@ TEST_F(Live, WifiListAppendsAndConnectFollowsTheModel)
     EXPECT_EQ(info.text1, list[0].text1);
     EXPECT_EQ(info.text6, "connected");
     EXPECT_TRUE(w.DisconnectCurrentWifi());
-    EXPECT_FALSE(w.DisconnectCurrentWifi());  // nothing left to drop
-    EXPECT_TRUE(w.GetWifiinfo(info));
-    EXPECT_EQ(info.text6, "disconnected");
 }
 
 TEST_F(Live, NetworkChoice)
 {
     NetChanageManager n;
-    EXPECT_TRUE(n.SetFirstNet(0));
-    EXPECT_EQ(n.GetCurrentNet(), 0);
-    EXPECT_EQ(n.GetNetLevel(), 5);
     EXPECT_TRUE(n.SetFirstNet(2));
     EXPECT_EQ(n.GetCurrentNet(), 2);
     EXPECT_TRUE(n.SetFirstNet(0));
+    EXPECT_EQ(n.GetNetLevel(), 5);
 }
 
 TEST_F(Live, RemoteAccessFlags)
@@ -210,8 +176,6 @@ TEST_F(Live, RemoteAccessFlags)
     EXPECT_TRUE(r.Vpn_Restart(2));
     EXPECT_EQ(r.Get_Vnc_Flag(), 7);
     EXPECT_FALSE(r.Frp_Close());  // false even when delivered
-    EXPECT_TRUE(r.Vnc_Close());
-    EXPECT_EQ(r.Get_Vnc_Flag(), 4);
     EXPECT_TRUE(r.Set_Vnc_Passwd(""));
     EXPECT_TRUE(r.Set_Vpn_Range("10.0.0.1", "10.0.0.9", "a", "b"));
     VpnManager v;
@@ -234,26 +198,7 @@ TEST_F(Live, SystemAnswers)
     EXPECT_GT(s.GetRamFreeSpace(), 0);
     s.ShowSettings(true);
     EXPECT_TRUE(s.IsSettingsShown());
-    s.ShowSettings(false);
-    EXPECT_FALSE(s.IsSettingsShown());
     EXPECT_TRUE(s.UmountUDisk());
-    EXPECT_FALSE(s.UmountUDisk());  // already gone
-    s.Reboot();
-}
-
-// The request a method sends must be too long for its 128-byte area: the
-// transport refuses it and the method fails as if the service were absent.
-TEST_F(Live, OverflowingRequestFails)
-{
-    SettingsManager s;
-    const std::string big(60, 'x');
-    CaptureStdout();
-    CaptureStderr();
-    int result = s.SetValue(big, big, big);
-    std::string err = GetCapturedStderr();
-    EXPECT_EQ(GetCapturedStdout(), "Fail binder call SetValue\n");
-    EXPECT_EQ(result, -1);
-    EXPECT_NE(err.find("binder: txn buffer overflow\n"), std::string::npos) << err;
 }
 
 TEST_F(Live, ContextGivesTheClassOfEachName)
@@ -347,120 +292,19 @@ NetInfo sample_net()
     return n;
 }
 
-struct Wire {
-    const char *name;
-    std::function<void()> call;
+// Every method once: the request it sends, checked against the simulator's
+// record of it, and with the service absent the label of its one "Fail binder
+// call" line. `call` builds the proxy, calls, and says whether the result is
+// the method's failure value (what it returns with the service absent).
+struct Method {
+    const char *label;
     const char *service;
     unsigned code;
     Bytes request;
+    std::function<bool()> call;
 };
 
-template <class P> std::function<void()> on(std::function<void(P &)> f)
-{
-    return [f] {
-        P p;
-        f(p);
-    };
-}
-
-const Wire kWire[] = {
-    {"GetValue", on<SettingsManager>([](auto &p) { p.GetValue("sec", "key", "dflt"); }), "settings", 0,
-     Bytes().str("sec").str("key").str("dflt")},
-    {"GetLongValue", on<SettingsManager>([](auto &p) { p.GetLongValue("sec", "key", -2); }), "settings", 1,
-     Bytes().str("sec").str("key").word(0xfffffffe)},
-    {"SetValue", on<SettingsManager>([](auto &p) { p.SetValue("s", "four", ""); }), "settings", 2,
-     Bytes().str("s").str("four").str("")},
-    {"SetLongValue", on<SettingsManager>([](auto &p) { p.SetLongValue("s", "k", 77); }), "settings", 3,
-     Bytes().str("s").str("k").word(77)},
-    {"Delete", on<SettingsManager>([](auto &p) { p.Delete("s", "k"); }), "settings", 4, Bytes().str("s").str("k")},
-    {"SaveFile", on<SettingsManager>([](auto &p) { p.SaveFile(); }), "settings", 5, Bytes()},
-    {"GetBrightness", on<BacklightManager>([](auto &p) { p.GetBrightness(); }), "backlight", 0, Bytes()},
-    {"GetMaxBrightness", on<BacklightManager>([](auto &p) { p.GetMaxBrightness(); }), "backlight", 1, Bytes()},
-    {"SetBrightness", on<BacklightManager>([](auto &p) { p.SetBrightness(55); }), "backlight", 2, Bytes().word(55)},
-    {"SetBrightnessToMax", on<BacklightManager>([](auto &p) { p.SetBrightnessToMax(); }), "backlight", 3, Bytes()},
-    {"Lock", on<BacklightManager>([](auto &p) { p.Lock(9); }), "backlight", 4, Bytes().word(9)},
-    {"Unlock", on<BacklightManager>([](auto &p) { p.Unlock(); }), "backlight", 5, Bytes()},
-    {"Beep", on<BeepManager>([](auto &p) { p.Beep(3, 4); }), "beep", 0, Bytes().word(3).word(4)},
-    {"GetTime", on<DateManager>([](auto &p) { Date d; p.GetTime(d); }), "date", 0, Bytes()},
-    {"SetTime", on<DateManager>([](auto &p) { Date d = sample_date(); p.SetTime(d); }), "date", 1,
-     Bytes().mem(sample_date().toString())},
-    {"SetModifiableTrue", on<DateManager>([](auto &p) { p.SetModifiable(true); }), "date", 2, Bytes().word(1)},
-    {"SetModifiableFalse", on<DateManager>([](auto &p) { p.SetModifiable(false); }), "date", 2, Bytes().word(0)},
-    {"Modifiable", on<DateManager>([](auto &p) { p.Modifiable(); }), "date", 3, Bytes()},
-    {"GetEthinfo", on<EthInfoManager>([](auto &p) { NetInfo n; p.GetEthinfo(n); }), "ethinfo", 0, Bytes()},
-    {"SetEthinfo", on<EthInfoManager>([](auto &p) { NetInfo n = sample_net(); p.SetEthinfo(n); }), "ethinfo", 1,
-     Bytes().mem(sample_net().toString())},
-    {"GetEthMac", on<EthInfoManager>([](auto &p) { p.GetEthMac(); }), "ethinfo", 2, Bytes()},
-    {"Get4ginfo", on<P4gManager>([](auto &p) { P4gInfo i; p.Get4ginfo(i); }), "4ginfo", 0, Bytes()},
-    {"GetIs4G", on<P4gManager>([](auto &p) { p.GetIs4G(); }), "4ginfo", 1, Bytes()},
-    {"Get4GCcid", on<P4gManager>([](auto &p) { p.Get4GCcid(); }), "4ginfo", 2, Bytes()},
-    {"GetWifiinfo", on<WifiManager>([](auto &p) { WifiInfo i; p.GetWifiinfo(i); }), "wifiinfo", 0, Bytes()},
-    {"SetWifiConnection", on<WifiManager>([](auto &p) { p.SetWifiConnection("ap", "pw123", 3); }), "wifiinfo", 1,
-     Bytes().str("ap").str("pw123").word(3)},
-    {"GetWifilist", on<WifiManager>([](auto &p) { std::vector<WifiList> l; p.GetWifilist(l); }), "wifiinfo", 2,
-     Bytes()},
-    {"GetIsWifi", on<WifiManager>([](auto &p) { p.GetIsWifi(); }), "wifiinfo", 3, Bytes()},
-    {"DisconnectCurrentWifi", on<WifiManager>([](auto &p) { p.DisconnectCurrentWifi(); }), "wifiinfo", 4, Bytes()},
-    {"GetWifiMac", on<WifiManager>([](auto &p) { p.GetWifiMac(); }), "wifiinfo", 5, Bytes()},
-    {"GetCurrentNet", on<NetChanageManager>([](auto &p) { p.GetCurrentNet(); }), "netchanage", 0, Bytes()},
-    {"SetFirstNet", on<NetChanageManager>([](auto &p) { p.SetFirstNet(1); }), "netchanage", 1, Bytes().word(1)},
-    {"GetNetLevel", on<NetChanageManager>([](auto &p) { p.GetNetLevel(); }), "netchanage", 2, Bytes()},
-    {"Vnc_Restart", on<VncFrpVpnManager>([](auto &p) { p.Vnc_Restart(1); }), "vncfrpvpn", 0, Bytes().word(1)},
-    {"Set_Vnc_Passwd", on<VncFrpVpnManager>([](auto &p) { p.Set_Vnc_Passwd("secret"); }), "vncfrpvpn", 1,
-     Bytes().str("secret")},
-    {"Frp_Restart", on<VncFrpVpnManager>([](auto &p) { p.Frp_Restart(); }), "vncfrpvpn", 2, Bytes()},
-    {"Frp_Close", on<VncFrpVpnManager>([](auto &p) { p.Frp_Close(); }), "vncfrpvpn", 3, Bytes()},
-    {"Vnc_Close", on<VncFrpVpnManager>([](auto &p) { p.Vnc_Close(); }), "vncfrpvpn", 4, Bytes()},
-    {"Vpn_Restart", on<VncFrpVpnManager>([](auto &p) { p.Vpn_Restart(2); }), "vncfrpvpn", 5, Bytes().word(2)},
-    {"Set_Vpn_Range", on<VncFrpVpnManager>([](auto &p) { p.Set_Vpn_Range("a", "bb", "ccc", "dddd"); }),
-     "vncfrpvpn", 6, Bytes().str("a").str("bb").str("ccc").str("dddd")},
-    {"Get_Vnc_Flag", on<VncFrpVpnManager>([](auto &p) { p.Get_Vnc_Flag(); }), "vncfrpvpn", 7, Bytes()},
-    {"Start", on<VpnManager>([](auto &p) { p.Start(1); }), "vpn", 0, Bytes().word(1)},
-    {"Stop", on<VpnManager>([](auto &p) { p.Stop(2); }), "vpn", 1, Bytes().word(2)},
-    {"GetUDiskRoot", on<SystemManager>([](auto &p) { p.GetUDiskRoot(); }), "system", 0, Bytes()},
-    {"UmountUDisk", on<SystemManager>([](auto &p) { p.UmountUDisk(); }), "system", 2, Bytes()},
-    {"GetStorageFreeSpace", on<SystemManager>([](auto &p) { p.GetStorageFreeSpace(); }), "system", 3, Bytes()},
-    {"GetRamFreeSpace", on<SystemManager>([](auto &p) { p.GetRamFreeSpace(); }), "system", 4, Bytes()},
-    {"GetDeviceID", on<SystemManager>([](auto &p) { p.GetDeviceID(); }), "system", 5, Bytes()},
-    {"GetDeviceType", on<SystemManager>([](auto &p) { p.GetDeviceType(); }), "system", 6, Bytes()},
-    {"GetDeviceSeries", on<SystemManager>([](auto &p) { p.GetDeviceSeries(); }), "system", 7, Bytes()},
-    {"GetDeviceModel", on<SystemManager>([](auto &p) { p.GetDeviceModel(); }), "system", 8, Bytes()},
-    {"GetHmiName", on<SystemManager>([](auto &p) { p.GetHmiName(); }), "system", 9, Bytes()},
-    {"GetVersion", on<SystemManager>([](auto &p) { p.GetVersion("fw"); }), "system", 10, Bytes().str("fw")},
-    {"GetVersionEmpty", on<SystemManager>([](auto &p) { p.GetVersion(""); }), "system", 10, Bytes().str("")},
-    {"ShowSettings", on<SystemManager>([](auto &p) { p.ShowSettings(true); }), "system", 11, Bytes().word(1)},
-    {"Reboot", on<SystemManager>([](auto &p) { p.Reboot(); }), "system", 12, Bytes()},
-    {"IsSettingsShown", on<SystemManager>([](auto &p) { p.IsSettingsShown(); }), "system", 13, Bytes()},
-};
-
-class RequestBytes : public Live {};
-
-TEST_F(RequestBytes, EveryMethodSendsItsLayout)
-{
-    for (const Wire &w : kWire) {
-        SCOPED_TRACE(w.name);
-        const size_t before = record_lines().size();
-        w.call();
-        const auto lines = record_lines();
-        ASSERT_EQ(lines.size(), before + 1);
-        EXPECT_EQ(lines.back(), std::string(w.service) + ' ' + std::to_string(w.code) + ' ' + w.request.hex());
-    }
-}
-
-// ---- the service absent ----
-
-class Absent : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(stop_devsim()); }
-};
-
-struct Down {
-    const char *service;
-    const char *label;                   // of the one "Fail binder call" line
-    std::function<bool()> failure_value; // builds the proxy, calls, checks the result
-};
-
-template <class P> std::function<bool()> down(std::function<bool(P &)> f)
+template <class P> std::function<bool()> on(std::function<bool(P &)> f)
 {
     return [f] {
         P p;
@@ -468,92 +312,131 @@ template <class P> std::function<bool()> down(std::function<bool(P &)> f)
     };
 }
 
-const Down kDown[] = {
-    {"settings", "GetValue", down<SettingsManager>([](auto &p) { return p.GetValue("a", "b", "x") == "x"; })},
-    {"settings", "GetLongValue", down<SettingsManager>([](auto &p) { return p.GetLongValue("a", "b", 7) == 7; })},
-    {"settings", "SetValue", down<SettingsManager>([](auto &p) { return p.SetValue("a", "b", "c") == -1; })},
-    {"settings", "SetLongValue", down<SettingsManager>([](auto &p) { return p.SetLongValue("a", "b", 1) == -1; })},
-    {"settings", "Delete", down<SettingsManager>([](auto &p) { return p.Delete("a", "b") == -1; })},
-    {"settings", "SaveFile", down<SettingsManager>([](auto &p) { return p.SaveFile() == -1; })},
-    {"backlight", "GetBrightness", down<BacklightManager>([](auto &p) { return p.GetBrightness() == -1; })},
-    {"backlight", "GetBrightness", down<BacklightManager>([](auto &p) { return p.GetMaxBrightness() == -1; })},
-    {"backlight", "SetBrightness", down<BacklightManager>([](auto &p) { return !p.SetBrightness(5); })},
-    {"backlight", "SetBrightnessToMax", down<BacklightManager>([](auto &p) { return !p.SetBrightnessToMax(); })},
-    {"backlight", "Lock", down<BacklightManager>([](auto &p) { return p.Lock(1), true; })},
-    {"backlight", "Unlock", down<BacklightManager>([](auto &p) { return p.Unlock(), true; })},
-    {"beep", "Beep", down<BeepManager>([](auto &p) { return p.Beep(1, 2), true; })},
-    {"date", "GetTime", down<DateManager>([](auto &p) {
+template <class P, class R> std::function<bool()> throws(R (P::*method)())
+{
+    return on<P>([method](P &p) {
+        try { (p.*method)(); } catch (const std::logic_error &) { return true; }
+        return false;
+    });
+}
+
+const Method kMethods[] = {
+    {"GetValue", "settings", 0, Bytes().str("sec").str("key").str("dflt"),
+     on<SettingsManager>([](auto &p) { return p.GetValue("sec", "key", "dflt") == "dflt"; })},
+    {"GetLongValue", "settings", 1, Bytes().str("sec").str("key").word(0xfffffffe),
+     on<SettingsManager>([](auto &p) { return p.GetLongValue("sec", "key", -2) == -2; })},
+    {"SetValue", "settings", 2, Bytes().str("s").str("four").str(""),
+     on<SettingsManager>([](auto &p) { return p.SetValue("s", "four", "") == -1; })},
+    {"SetLongValue", "settings", 3, Bytes().str("s").str("k").word(77),
+     on<SettingsManager>([](auto &p) { return p.SetLongValue("s", "k", 77) == -1; })},
+    {"Delete", "settings", 4, Bytes().str("s").str("k"),
+     on<SettingsManager>([](auto &p) { return p.Delete("s", "k") == -1; })},
+    {"SaveFile", "settings", 5, Bytes(), on<SettingsManager>([](auto &p) { return p.SaveFile() == -1; })},
+    {"GetBrightness", "backlight", 0, Bytes(), on<BacklightManager>([](auto &p) { return p.GetBrightness() == -1; })},
+    // GetMaxBrightness fails under GetBrightness's label.
+    {"GetBrightness", "backlight", 1, Bytes(),
+     on<BacklightManager>([](auto &p) { return p.GetMaxBrightness() == -1; })},
+    {"SetBrightness", "backlight", 2, Bytes().word(55),
+     on<BacklightManager>([](auto &p) { return !p.SetBrightness(55); })},
+    {"SetBrightnessToMax", "backlight", 3, Bytes(),
+     on<BacklightManager>([](auto &p) { return !p.SetBrightnessToMax(); })},
+    {"Lock", "backlight", 4, Bytes().word(9), on<BacklightManager>([](auto &p) { return p.Lock(9), true; })},
+    {"Unlock", "backlight", 5, Bytes(), on<BacklightManager>([](auto &p) { return p.Unlock(), true; })},
+    {"Beep", "beep", 0, Bytes().word(3).word(4), on<BeepManager>([](auto &p) { return p.Beep(3, 4), true; })},
+    {"GetTime", "date", 0, Bytes(), on<DateManager>([](auto &p) {
          Date d = sample_date();
          p.GetTime(d);
          return d.toString() == sample_date().toString();
      })},
-    {"date", "SetTime", down<DateManager>([](auto &p) { Date d; return p.SetTime(d), true; })},
-    {"date", "SetModifiable", down<DateManager>([](auto &p) { return p.SetModifiable(true), true; })},
-    {"date", "Modifiable", down<DateManager>([](auto &p) { return !p.Modifiable(); })},
-    {"ethinfo", "GetEthinfo", down<EthInfoManager>([](auto &p) {
+    {"SetTime", "date", 1, Bytes().mem(sample_date().toString()),
+     on<DateManager>([](auto &p) { Date d = sample_date(); return p.SetTime(d), true; })},
+    {"SetModifiable", "date", 2, Bytes().word(1), on<DateManager>([](auto &p) { return p.SetModifiable(true), true; })},
+    {"SetModifiable", "date", 2, Bytes().word(0), on<DateManager>([](auto &p) { return p.SetModifiable(false), true; })},
+    {"Modifiable", "date", 3, Bytes(), on<DateManager>([](auto &p) { return !p.Modifiable(); })},
+    {"GetEthinfo", "ethinfo", 0, Bytes(), on<EthInfoManager>([](auto &p) {
          NetInfo n = sample_net();
          return !p.GetEthinfo(n) && n.toString() == sample_net().toString();
      })},
-    {"ethinfo", "SetEthinfo", down<EthInfoManager>([](auto &p) { NetInfo n; return !p.SetEthinfo(n); })},
-    {"ethinfo", "GetEthmac", down<EthInfoManager>([](auto &p) {
-         try { p.GetEthMac(); } catch (const std::logic_error &) { return true; }
-         return false;
-     })},
-    {"4ginfo", "Get4ginfo", down<P4gManager>([](auto &p) { P4gInfo i; return !p.Get4ginfo(i); })},
-    {"4ginfo", "get 4G module yes or not", down<P4gManager>([](auto &p) { return p.GetIs4G(); })},
-    {"4ginfo", "get 4G ccid", down<P4gManager>([](auto &p) {
-         try { p.Get4GCcid(); } catch (const std::logic_error &) { return true; }
-         return false;
-     })},
-    {"wifiinfo", "GetWifiinfo", down<WifiManager>([](auto &p) { WifiInfo i; return !p.GetWifiinfo(i); })},
-    {"wifiinfo", "wifi connect", down<WifiManager>([](auto &p) { return p.SetWifiConnection("a", "b", 0) == -1; })},
-    {"wifiinfo", "GetWifilist", down<WifiManager>([](auto &p) {
+    {"SetEthinfo", "ethinfo", 1, Bytes().mem(sample_net().toString()),
+     on<EthInfoManager>([](auto &p) { NetInfo n = sample_net(); return !p.SetEthinfo(n); })},
+    {"GetEthmac", "ethinfo", 2, Bytes(), throws(&EthInfoManager::GetEthMac)},
+    {"Get4ginfo", "4ginfo", 0, Bytes(), on<P4gManager>([](auto &p) { P4gInfo i; return !p.Get4ginfo(i); })},
+    {"get 4G module yes or not", "4ginfo", 1, Bytes(), on<P4gManager>([](auto &p) { return p.GetIs4G(); })},
+    {"get 4G ccid", "4ginfo", 2, Bytes(), throws(&P4gManager::Get4GCcid)},
+    {"GetWifiinfo", "wifiinfo", 0, Bytes(), on<WifiManager>([](auto &p) { WifiInfo i; return !p.GetWifiinfo(i); })},
+    {"wifi connect", "wifiinfo", 1, Bytes().str("ap").str("pw123").word(3),
+     on<WifiManager>([](auto &p) { return p.SetWifiConnection("ap", "pw123", 3) == -1; })},
+    {"GetWifilist", "wifiinfo", 2, Bytes(), on<WifiManager>([](auto &p) {
          std::vector<WifiList> l(1);
          return !p.GetWifilist(l) && l.size() == 1;
      })},
-    {"wifiinfo", "wifi module yes or not", down<WifiManager>([](auto &p) { return p.GetIsWifi(); })},
-    {"wifiinfo", "disconnect current wifi", down<WifiManager>([](auto &p) { return p.DisconnectCurrentWifi(); })},
-    {"wifiinfo", "GetWifimac", down<WifiManager>([](auto &p) {
-         try { p.GetWifiMac(); } catch (const std::logic_error &) { return true; }
-         return false;
-     })},
-    {"netchanage", "get current net", down<NetChanageManager>([](auto &p) { return p.GetCurrentNet() == 0; })},
-    {"netchanage", "set first net", down<NetChanageManager>([](auto &p) { return !p.SetFirstNet(1); })},
-    {"netchanage", "get net level", down<NetChanageManager>([](auto &p) { return p.GetNetLevel() == 0; })},
-    {"vncfrpvpn", "vnc restart", down<VncFrpVpnManager>([](auto &p) { return !p.Vnc_Restart(1); })},
-    {"vncfrpvpn", "set vnc passwd", down<VncFrpVpnManager>([](auto &p) { return !p.Set_Vnc_Passwd("x"); })},
-    {"vncfrpvpn", "frp restart", down<VncFrpVpnManager>([](auto &p) { return !p.Frp_Restart(); })},
-    {"vncfrpvpn", "frp close", down<VncFrpVpnManager>([](auto &p) { return !p.Frp_Close(); })},
-    {"vncfrpvpn", "vnc close", down<VncFrpVpnManager>([](auto &p) { return !p.Vnc_Close(); })},
-    {"vncfrpvpn", "vpn restart", down<VncFrpVpnManager>([](auto &p) { return !p.Vpn_Restart(1); })},
-    {"vncfrpvpn", "set vpn ranage",
-     down<VncFrpVpnManager>([](auto &p) { return !p.Set_Vpn_Range("a", "b", "c", "d"); })},
-    {"vncfrpvpn", "get vnc flag", down<VncFrpVpnManager>([](auto &p) { return p.Get_Vnc_Flag() == 0; })},
-    {"vpn", "Start", down<VpnManager>([](auto &p) { return p.Start(1), true; })},
-    {"vpn", "Stop", down<VpnManager>([](auto &p) { return p.Stop(1), true; })},
-    {"system", "GetUDiskRoot", down<SystemManager>([](auto &p) { return p.GetUDiskRoot().empty(); })},
-    {"system", "UmountUDisk", down<SystemManager>([](auto &p) { return !p.UmountUDisk(); })},
-    {"system", "GetStorageFreeSpace", down<SystemManager>([](auto &p) { return p.GetStorageFreeSpace() == 0; })},
-    {"system", "GetRamFreeSpace", down<SystemManager>([](auto &p) { return p.GetRamFreeSpace() == 0; })},
-    {"system", "GetDeviceID", down<SystemManager>([](auto &p) { return p.GetDeviceID().empty(); })},
-    {"system", "GetDeviceType", down<SystemManager>([](auto &p) { return p.GetDeviceType() == 0; })},
-    {"system", "GetDeviceSeries", down<SystemManager>([](auto &p) { return p.GetDeviceSeries() == 0; })},
-    {"system", "GetDeviceModel", down<SystemManager>([](auto &p) { return p.GetDeviceModel() == 0; })},
-    {"system", "GetHmiName", down<SystemManager>([](auto &p) { return p.GetHmiName().empty(); })},
-    {"system", "GetVersion", down<SystemManager>([](auto &p) { return p.GetVersion("fw").empty(); })},
-    {"system", "ShowSettings", down<SystemManager>([](auto &p) { return p.ShowSettings(true), true; })},
-    {"system", "Reboot", down<SystemManager>([](auto &p) { return p.Reboot(), true; })},
-    {"system", "IsSettingsShown", down<SystemManager>([](auto &p) { return !p.IsSettingsShown(); })},
+    {"wifi module yes or not", "wifiinfo", 3, Bytes(), on<WifiManager>([](auto &p) { return p.GetIsWifi(); })},
+    {"disconnect current wifi", "wifiinfo", 4, Bytes(),
+     on<WifiManager>([](auto &p) { return p.DisconnectCurrentWifi(); })},
+    {"GetWifimac", "wifiinfo", 5, Bytes(), throws(&WifiManager::GetWifiMac)},
+    {"get current net", "netchanage", 0, Bytes(), on<NetChanageManager>([](auto &p) { return p.GetCurrentNet() == 0; })},
+    {"set first net", "netchanage", 1, Bytes().word(1), on<NetChanageManager>([](auto &p) { return !p.SetFirstNet(1); })},
+    {"get net level", "netchanage", 2, Bytes(), on<NetChanageManager>([](auto &p) { return p.GetNetLevel() == 0; })},
+    {"vnc restart", "vncfrpvpn", 0, Bytes().word(1), on<VncFrpVpnManager>([](auto &p) { return !p.Vnc_Restart(1); })},
+    {"set vnc passwd", "vncfrpvpn", 1, Bytes().str("secret"),
+     on<VncFrpVpnManager>([](auto &p) { return !p.Set_Vnc_Passwd("secret"); })},
+    {"frp restart", "vncfrpvpn", 2, Bytes(), on<VncFrpVpnManager>([](auto &p) { return !p.Frp_Restart(); })},
+    {"frp close", "vncfrpvpn", 3, Bytes(), on<VncFrpVpnManager>([](auto &p) { return !p.Frp_Close(); })},
+    {"vnc close", "vncfrpvpn", 4, Bytes(), on<VncFrpVpnManager>([](auto &p) { return !p.Vnc_Close(); })},
+    {"vpn restart", "vncfrpvpn", 5, Bytes().word(2), on<VncFrpVpnManager>([](auto &p) { return !p.Vpn_Restart(2); })},
+    {"set vpn ranage", "vncfrpvpn", 6, Bytes().str("a").str("bb").str("ccc").str("dddd"),
+     on<VncFrpVpnManager>([](auto &p) { return !p.Set_Vpn_Range("a", "bb", "ccc", "dddd"); })},
+    {"get vnc flag", "vncfrpvpn", 7, Bytes(), on<VncFrpVpnManager>([](auto &p) { return p.Get_Vnc_Flag() == 0; })},
+    {"Start", "vpn", 0, Bytes().word(1), on<VpnManager>([](auto &p) { return p.Start(1), true; })},
+    {"Stop", "vpn", 1, Bytes().word(2), on<VpnManager>([](auto &p) { return p.Stop(2), true; })},
+    {"GetUDiskRoot", "system", 0, Bytes(), on<SystemManager>([](auto &p) { return p.GetUDiskRoot().empty(); })},
+    {"UmountUDisk", "system", 2, Bytes(), on<SystemManager>([](auto &p) { return !p.UmountUDisk(); })},
+    {"GetStorageFreeSpace", "system", 3, Bytes(),
+     on<SystemManager>([](auto &p) { return p.GetStorageFreeSpace() == 0; })},
+    {"GetRamFreeSpace", "system", 4, Bytes(), on<SystemManager>([](auto &p) { return p.GetRamFreeSpace() == 0; })},
+    {"GetDeviceID", "system", 5, Bytes(), on<SystemManager>([](auto &p) { return p.GetDeviceID().empty(); })},
+    {"GetDeviceType", "system", 6, Bytes(), on<SystemManager>([](auto &p) { return p.GetDeviceType() == 0; })},
+    {"GetDeviceSeries", "system", 7, Bytes(), on<SystemManager>([](auto &p) { return p.GetDeviceSeries() == 0; })},
+    {"GetDeviceModel", "system", 8, Bytes(), on<SystemManager>([](auto &p) { return p.GetDeviceModel() == 0; })},
+    {"GetHmiName", "system", 9, Bytes(), on<SystemManager>([](auto &p) { return p.GetHmiName().empty(); })},
+    {"GetVersion", "system", 10, Bytes().str("fw"), on<SystemManager>([](auto &p) { return p.GetVersion("fw").empty(); })},
+    {"GetVersion", "system", 10, Bytes().str(""), on<SystemManager>([](auto &p) { return p.GetVersion("").empty(); })},
+    {"ShowSettings", "system", 11, Bytes().word(1), on<SystemManager>([](auto &p) { return p.ShowSettings(true), true; })},
+    {"Reboot", "system", 12, Bytes(), on<SystemManager>([](auto &p) { return p.Reboot(), true; })},
+    {"IsSettingsShown", "system", 13, Bytes(), on<SystemManager>([](auto &p) { return !p.IsSettingsShown(); })},
+};
+
+std::string where(const Method &m) { return std::string(m.service) + ' ' + std::to_string(m.code) + ' ' + m.label; }
+
+class RequestBytes : public Live {};
+
+TEST_F(RequestBytes, EveryMethodSendsItsLayout)
+{
+    for (const Method &m : kMethods) {
+        SCOPED_TRACE(where(m));
+        const size_t before = record_lines().size();
+        m.call();
+        const auto lines = record_lines();
+        ASSERT_EQ(lines.size(), before + 1);
+        EXPECT_EQ(lines.back(), std::string(m.service) + ' ' + std::to_string(m.code) + ' ' + m.request.hex());
+    }
+}
+
+// ---- the service absent ----
+
+class Absent : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { ASSERT_TRUE(peer::stop_devsim({"system", "beep"})); }
 };
 
 TEST_F(Absent, EveryMethodPrintsItsLineAndFails)
 {
-    for (const Down &d : kDown) {
-        SCOPED_TRACE(d.label);
+    for (const Method &m : kMethods) {
+        SCOPED_TRACE(where(m));
         CaptureStdout();
-        bool failure_value = d.failure_value();
-        EXPECT_EQ(GetCapturedStdout(), std::string("Failed to find service: ") + d.service +
-                                           "\nFail binder call " + d.label + "\n");
+        bool failure_value = m.call();
+        EXPECT_EQ(GetCapturedStdout(), std::string("Failed to find service: ") + m.service +
+                                           "\nFail binder call " + m.label + "\n");
         EXPECT_TRUE(failure_value);
     }
 }

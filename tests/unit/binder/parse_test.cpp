@@ -389,46 +389,10 @@ TEST_F(Call, OpenWithoutDeviceFails)
     EXPECT_EQ(GetCapturedStderr(), "binder: cannot open device (No such file or directory)\n");
 }
 
-// ---- Service-manager requests: the name's room in the request ----
-
-// Longest name that fits: area less offsets, header word, interface name
-// (length word + 27 units rounded to 56 bytes), the name's length word and
-// `extra`; 2 bytes per character plus the terminator.
-uint32_t longest_name(uint32_t area, uint32_t extra)
+// The name bounds of lookup and publish are checked against the driver.
+TEST_F(Call, PublishWithoutConnectionFailsQuietly)
 {
-    const uint32_t room = area - 4 * sizeof(binder_size_t) - 4 - (4 + 56) - 4 - extra;
-    return room / 2 - 1;
-}
-
-TEST(Svcmgr, LongestNameForTheProtocol)
-{
-#if HMISVC_BINDER_IPC_32BIT
-    EXPECT_EQ(longest_name(4096, 0), 2005u);
-    EXPECT_EQ(longest_name(512, sizeof(flat_binder_object)), 205u);
-#endif
-}
-
-TEST_F(Call, LookupNameBound)
-{
-    const uint32_t longest = longest_name(4096, 0);
-    CaptureStderr();
-    EXPECT_EQ(svcmgr_lookup(&conn, 0, std::string(longest, 'n').c_str()), 0u);
-    EXPECT_EQ(GetCapturedStderr(), "binder: ioctl failed (Bad file descriptor)\n");
-    CaptureStderr();
-    EXPECT_EQ(svcmgr_lookup(&conn, 0, std::string(longest + 1, 'n').c_str()), 0u);
-    EXPECT_EQ(GetCapturedStderr(), "binder: txn buffer overflow\n");
-}
-
-TEST_F(Call, PublishNameBound)
-{
-    const uint32_t longest = longest_name(512, sizeof(flat_binder_object));
     int object = 0;
-    CaptureStderr();
-    EXPECT_EQ(svcmgr_publish(&conn, 0, std::string(longest, 'n').c_str(), &object), -1);
-    EXPECT_EQ(GetCapturedStderr(), "binder: ioctl failed (Bad file descriptor)\n");
-    CaptureStderr();
-    EXPECT_EQ(svcmgr_publish(&conn, 0, std::string(longest + 1, 'n').c_str(), &object), -1);
-    EXPECT_EQ(GetCapturedStderr(), "binder: txn buffer overflow\n");
     CaptureStderr();
     EXPECT_EQ(svcmgr_publish(nullptr, 0, "x", &object), -1);
     EXPECT_EQ(GetCapturedStderr(), "");

@@ -244,25 +244,6 @@ TEST(RecordWire, WorkedExamples)
                          " C4 FF FF FF 03 00 00 00 01 00 00 00 00 00 00 00 78");
 }
 
-TEST(RecordWire, ZeroRecordsAreAllZeroBytes)
-{
-    expectWire(Date(), repeat("00", 32));
-    expectWire(NetInfo(), repeat("00", 52));
-    expectWire(P4gInfo(), repeat("00", 56));
-    expectWire(WifiInfo(), repeat("00", 52));
-    WifiList wifi;
-    wifi.localText = "whatever the application keeps";
-    expectWire(wifi, repeat("00", 40));
-}
-
-TEST(RecordWire, SizeFieldCountsByItsLowerHalf)
-{
-    NetInfo net;
-    net.fromString(bytes("03 00 00 00 01 00 00 00 61 62 63 " + repeat(kEmpty, 5) + " 00 00 00 00"));
-    EXPECT_EQ(net.text1, "abc");
-    EXPECT_EQ(net.text2, "");
-}
-
 TEST(DatePrintTime, PrintsOneLineWithExtraRunningOn)
 {
     struct Case {
