@@ -36,10 +36,8 @@ Invoke on(Call call)
 
 // Result readers.
 Reply value(Json v) { return {kOk, std::move(v), "", ""}; }
-Reply ok(bool success)
-{
-    return success ? done() : Reply{kFailed, nullptr, "", "failed: the service answered false"};
-}
+// A success flag; callService says which service answered false.
+Reply ok(bool success) { return success ? done() : Reply{kFailed, nullptr, "", ""}; }
 // A status answer: 0 done, anything else the service's refusal.
 template <class Proxy>
 Reply status(long answer)

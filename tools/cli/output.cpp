@@ -93,7 +93,11 @@ Reply callService(const std::string &service, const std::function<Reply()> &call
     LibraryLines lines;
     try {
         Reply r = call();
-        return lines.callFailed() ? failed(service + " did not answer") : r;
+        if (lines.callFailed())
+            return failed(service + " did not answer");
+        if (r.status == kFailed && r.error.empty())
+            r.error = "failed: " + service + " answered false";
+        return r;
     } catch (const std::logic_error &) {
         // A string getter whose call failed builds its result from nothing.
         return failed(service + " did not answer");

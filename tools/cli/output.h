@@ -62,7 +62,8 @@ private:
 
 // Runs one call on `service`: checks it is reachable, watches the library's
 // lines, and turns a failed call or an exception into a failure reply
-// instead of the library's answer.
+// instead of the library's answer. A failure reply without a line of its
+// own (a success flag that came back false) gets one naming the service.
 Reply callService(const std::string &service, const std::function<Reply()> &call);
 
 } // namespace cli
