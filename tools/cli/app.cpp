@@ -104,12 +104,14 @@ std::string closest(const std::string &word, const std::vector<CLI::App *> &subs
 
 } // namespace
 
-std::string unknownWord(CLI::App &app, int argc, const char *const *argv)
+std::string checkWords(CLI::App &app, int argc, const char *const *argv)
 {
     CLI::App *at = &app;
     std::string path = app.get_name();
+    bool asksHelp = false;
     for (int i = 1; i < argc; ++i) {
         std::string word = argv[i];
+        asksHelp = asksHelp || word == "-h" || word == "--help" || word == "--version";
         if (word.empty() || word[0] == '-')
             continue;
         auto subs = at->get_subcommands([](CLI::App *) { return true; });
@@ -122,7 +124,13 @@ std::string unknownWord(CLI::App &app, int argc, const char *const *argv)
         at = *found;
         path += " " + word;
     }
-    return "";
+    auto subs = at->get_subcommands([](CLI::App *) { return true; });
+    if (subs.empty() || asksHelp)
+        return "";
+    std::string names;
+    for (CLI::App *s : subs)
+        names += (names.empty() ? "" : ", ") + s->get_name();
+    return path + ": a " + (at == &app ? "command group" : "command") + " is required, one of: " + names;
 }
 
 } // namespace cli

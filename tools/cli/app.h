@@ -35,8 +35,9 @@ CLI::Validator numberIn(long long min, long long max);
 CLI::Validator boolean();
 
 // A usage message for the first word of argv that names no group or command
-// of `app`, with the closest names; "" when every word is known.
-std::string unknownWord(CLI::App &app, int argc, const char *const *argv);
+// of `app` (with the closest names), or for a group given without its
+// command (with the list); "" when the words lead to a command.
+std::string checkWords(CLI::App &app, int argc, const char *const *argv);
 
 } // namespace cli
 

@@ -41,8 +41,8 @@ int main(int argc, char **argv)
     for (cli::AddCommands add : kGroups)
         add(app, session);
 
-    if (std::string unknown = cli::unknownWord(app, argc, argv); !unknown.empty()) {
-        std::cerr << unknown << "\nRun with --help for the list." << std::endl;
+    if (std::string wrong = cli::checkWords(app, argc, argv); !wrong.empty()) {
+        std::cerr << wrong << "\nRun with --help for more information." << std::endl;
         return cli::kUsage;
     }
     try {
