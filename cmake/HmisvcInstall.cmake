@@ -1,5 +1,18 @@
 # Installation: headers, the library, a CMake package (hmisvc::hmisvc), a
-# pkg-config file and the Debian packages built from them with CPack.
+# pkg-config file, man pages, bash completion and the Debian packages built
+# from them with CPack.
+#
+# Libraries go to the multiarch directory (lib/x86_64-linux-gnu,
+# lib/arm-linux-gnueabihf) as Debian has them, so that packages of several
+# architectures install side by side and a cross build finds the target's
+# files under its triplet. config.h differs between the 32- and 64-bit
+# protocol builds, so it lives under the triplet too.
+if(CMAKE_LIBRARY_ARCHITECTURE)
+  set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "Object code libraries")
+  set(HMISVC_ARCH_INCLUDEDIR include/${CMAKE_LIBRARY_ARCHITECTURE})
+else()
+  set(HMISVC_ARCH_INCLUDEDIR include)
+endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -8,12 +21,12 @@ set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME tools)
 
 install(TARGETS hmisvc EXPORT hmisvcTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
-  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} ${HMISVC_ARCH_INCLUDEDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/hmisvc
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev
   FILES_MATCHING PATTERN "*.h")
 install(FILES ${PROJECT_BINARY_DIR}/include/hmisvc/config.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hmisvc COMPONENT dev)
+  DESTINATION ${HMISVC_ARCH_INCLUDEDIR}/hmisvc COMPONENT dev)
 
 set(HMISVC_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/hmisvc)
 install(EXPORT hmisvcTargets NAMESPACE hmisvc::
@@ -26,23 +39,61 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/hmisvcConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/hmisvcConfig.cmake ${PROJECT_BINARY_DIR}/hmisvcConfigVersion.cmake
   DESTINATION ${HMISVC_CMAKE_DIR} COMPONENT dev)
 
-# pkg-config: the prefix is found from the file's own place, so that an
-# install moved elsewhere (cmake --install --prefix, a package root) works.
-file(RELATIVE_PATH HMISVC_PC_TO_PREFIX
-  /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
-string(REGEX REPLACE "/$" "" HMISVC_PC_TO_PREFIX "${HMISVC_PC_TO_PREFIX}")
-configure_file(${CMAKE_CURRENT_LIST_DIR}/hmisvc.pc.in ${PROJECT_BINARY_DIR}/hmisvc.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/hmisvc.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+# pkg-config: plain paths under the prefix the files are installed to (the
+# packages' /usr, or cmake --install --prefix), written at install time.
+set(HMISVC_PC_PREFIX "@CMAKE_INSTALL_PREFIX@")
+configure_file(${CMAKE_CURRENT_LIST_DIR}/hmisvc.pc.in ${PROJECT_BINARY_DIR}/hmisvc.pc.in @ONLY)
+install(CODE "
+  file(READ \"${PROJECT_BINARY_DIR}/hmisvc.pc.in\" pc)
+  file(CONFIGURE OUTPUT \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig/hmisvc.pc\"
+    CONTENT \"\${pc}\" @ONLY)
+  message(STATUS \"Installing: \$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig/hmisvc.pc\")"
+  COMPONENT dev)
+
+# hmisvc_add_man_page(NAME PROGRAM "what it does"): section 1 page NAME.1.gz
+# made with help2man from PROGRAM's --help (a target or a file), installed
+# with the tools; skipped when PROGRAM is not built. A cross build runs the
+# program through its emulator.
+find_program(HMISVC_HELP2MAN help2man)
+function(hmisvc_add_man_page name program what)
+  if(NOT TARGET ${program} AND NOT EXISTS ${program})
+    return()
+  elseif(CMAKE_CROSSCOMPILING AND NOT CMAKE_CROSSCOMPILING_EMULATOR)
+    message(STATUS "man page ${name}.1 skipped: a cross build without an emulator")
+    return()
+  elseif(NOT HMISVC_HELP2MAN)
+    message(STATUS "man page ${name}.1 skipped: needs help2man")
+    return()
+  endif()
+  set(run ${program})
+  if(TARGET ${program})
+    set(run $<TARGET_FILE:${program}>)
+    set(depends ${program})
+  endif()
+  # help2man takes the program's name from the file it runs.
+  set(dir ${PROJECT_BINARY_DIR}/man)
+  file(GENERATE OUTPUT ${dir}/bin/${name}
+    CONTENT "#!/bin/sh\nexec ${CMAKE_CROSSCOMPILING_EMULATOR} ${run} \"$@\"\n"
+    FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+  string(REPLACE ";" " " emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
+  add_custom_command(OUTPUT ${dir}/${name}.1.gz
+    COMMAND ${HMISVC_HELP2MAN} --no-info --no-discard-stderr --section=1
+            --version-string=${PROJECT_VERSION} --name=${what} --output=${dir}/${name}.1 ${dir}/bin/${name}
+    COMMAND gzip -9nf ${dir}/${name}.1
+    DEPENDS ${depends} ${program} VERBATIM)
+  add_custom_target(man-${name} ALL DEPENDS ${dir}/${name}.1.gz)
+  install(FILES ${dir}/${name}.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+endfunction()
 
 # Debian packages: libhmisvc0 (the library), libhmisvc-dev (headers, CMake
-# and pkg-config files), hmisvc-tools (hmisvc, the service manager and the
-# simulator). The architecture follows the target, so a cross build for the
-# device gives armhf packages.
+# and pkg-config files), hmisvc-tools (the programs), each with a -dbgsym
+# package of detached debug symbols. The architecture follows the target, so
+# a cross build for the device gives armhf packages.
+set(HMISVC_DEB_MAINTAINER "hmisvc developers <hmisvc@users.noreply.example.org>" CACHE STRING
+  "Maintainer field of the Debian packages")
 set(CPACK_PACKAGE_NAME hmisvc)
 set(CPACK_PACKAGE_VENDOR hmisvc)
-set(CPACK_PACKAGE_CONTACT "hmisvc developers <hmisvc@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "HMI access to the device's system services over binder")
+set(CPACK_PACKAGE_CONTACT "${HMISVC_DEB_MAINTAINER}")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -59,28 +110,72 @@ if(NOT CPACK_DEBIAN_PACKAGE_ARCHITECTURE AND NOT CMAKE_CROSSCOMPILING)
   execute_process(COMMAND dpkg --print-architecture
     OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
 endif()
-set(_hmisvc_deb_version "${PROJECT_VERSION}")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libhmisvc${PROJECT_VERSION_MAJOR})
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6, libstdc++6")
+# A Debian revision: the packaging is kept apart from the upstream version.
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(_hmisvc_deb_version "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
+set(_hmisvc_lib libhmisvc${PROJECT_VERSION_MAJOR})
+
+# Stripped binaries, the symbols in -dbgsym; Depends from dpkg-shlibdeps
+# (which finds our own library in the build tree and leaves it to the
+# explicit Depends below).
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${_hmisvc_lib})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # ALSA is opened at run time, for playback only.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS "libasound2")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-# A shlibs file and ldconfig on install and removal (library packages only).
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "HMI access to the device's system services over binder
+libhmisvc gives applications on the HMI operator panel one proxy object per
+system service (settings, backlight, Ethernet, Wi-Fi, 4G, network choice,
+VNC/frp/VPN, date, system information, beeper) and turns each method into a
+synchronous request/reply transaction over the Linux binder driver. It also
+sends and receives broadcasts and plays WAV files through ALSA, which it
+loads at run time.")
+
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libhmisvc-dev)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libhmisvc${PROJECT_VERSION_MAJOR} (= ${_hmisvc_deb_version})")
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${_hmisvc_lib} (= ${_hmisvc_deb_version})")
+set(CPACK_COMPONENT_DEV_DESCRIPTION "HMI access to system services over binder - development files
+The headers of libhmisvc (the service proxies, records, broadcasts, the media
+player and the binder layer's C interface), a CMake package
+(find_package(hmisvc) gives hmisvc::hmisvc) and a pkg-config file (hmisvc).")
+
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME hmisvc-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${_hmisvc_lib} (= ${_hmisvc_deb_version})")
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION "HMI system services from the shell, and a simulator to test against
+hmisvc calls any method of the device's system services from the shell, with
+checked arguments, exit statuses and JSON output, and sends and receives
+broadcasts. hmisvc-servicemanager is a binder context manager that answers
+service lookups and publications; hmisvc-devsim simulates the device's
+services so that applications can be tried on any Linux host with a binder
+driver.")
 
-# The tools' dependencies are known once the tools are configured: a build
-# without inih has no simulator.
+# Documentation every package carries: copyright and the compressed changelog.
+set(_hmisvc_changelog ${PROJECT_BINARY_DIR}/changelog.Debian.gz)
+add_custom_command(OUTPUT ${_hmisvc_changelog}
+  COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/packaging/changelog > ${_hmisvc_changelog}
+  DEPENDS ${PROJECT_SOURCE_DIR}/packaging/changelog)
+add_custom_target(hmisvc-changelog ALL DEPENDS ${_hmisvc_changelog})
+foreach(component runtime dev tools)
+  string(TOUPPER ${component} _c)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${_hmisvc_changelog}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${_c}_PACKAGE_NAME} COMPONENT ${component})
+endforeach()
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/hmisvc.bash-completion
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME hmisvc COMPONENT tools)
+
+# CPack cannot write Multi-Arch nor run ldconfig by trigger; a post-build
+# step edits the library packages.
+set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/HmisvcDebFinish.cmake)
+set(CPACK_HMISVC_MULTIARCH_SAME ${_hmisvc_lib} libhmisvc-dev)
+set(CPACK_HMISVC_LDCONFIG_TRIGGER ${_hmisvc_lib})
+
+# The package list is known once the tools are configured.
 macro(_hmisvc_cpack)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
-    "libhmisvc${PROJECT_VERSION_MAJOR} (= ${_hmisvc_deb_version}), libc6, libstdc++6")
-  if(TARGET hmisvc-devsim)
-    string(APPEND CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ", libinih1")
-  endif()
   set(CPACK_COMPONENTS_ALL runtime dev)
   if(HMISVC_BUILD_TOOLS)
     list(APPEND CPACK_COMPONENTS_ALL tools)

@@ -2,33 +2,39 @@
 #ifndef HMISVC_CLI_COMMANDS_H
 #define HMISVC_CLI_COMMANDS_H
 
+#include <cstdint>
 #include <functional>
 #include <string>
-#include <variant>
 #include <vector>
+
+#include "output.h"
 
 namespace cli {
 
+// Int is any 32-bit signed number: `int` and `long` alike cross the wire as
+// one 32-bit word. Bool is true/false/1/0.
 enum class Type { Int, Text, Bool };
 
 struct Arg {
     const char *name;
     Type type;
+    const char *help;
 };
 
-// The parsed arguments of one command, in the order of its Arg list.
+// The arguments of one command as given, in the order of its Arg list;
+// checked against their types before the command runs.
 struct Values {
-    std::vector<std::variant<long, std::string, bool>> slots;
-    long num(size_t i) const { return std::get<long>(slots.at(i)); }
-    const std::string &text(size_t i) const { return std::get<std::string>(slots.at(i)); }
-    bool flag(size_t i) const { return std::get<bool>(slots.at(i)); }
+    std::vector<std::string> slots;
+    int32_t num(size_t i) const { return int32_t(std::stol(slots.at(i))); }
+    const std::string &text(size_t i) const { return slots.at(i); }
+    bool flag(size_t i) const { return slots.at(i) == "true" || slots.at(i) == "1"; }
 };
 
-// Runs the call, prints its result, returns the exit status.
-using Invoke = std::function<int(const Values &)>;
+// Runs the call and says what to print.
+using Invoke = std::function<Reply(const Values &)>;
 
 struct Command {
-    const char *service; // the subcommand group ("settings", "wifi", ...)
+    const char *group; // the subcommand group ("settings", "wifi", ...)
     const char *name;
     const char *help;
     std::vector<Arg> args;

@@ -1,174 +1,56 @@
-// hmisvc: the device's system services from the shell. The service commands
-// come from the table in commands.cpp; broadcasts and playback, which take
-// options or wait for events, are built here.
-#include <condition_variable>
-#include <cstdio>
-#include <deque>
-#include <exception>
+// hmisvc: the device's system services from the shell. Each group of
+// commands joins through one entry of kGroups below.
 #include <iostream>
-#include <memory>
-#include <mutex>
 
 #include <CLI/CLI.hpp>
 
-#include <hmisvc/broadcast.h>
-#include <hmisvc/context.h>
-#include <hmisvc/media.h>
-
-#include "commands.h"
+#include "app.h"
 
 namespace {
 
-// Counts deliveries and wakes the main thread when the wanted number is in.
-class Printer : public BroadcastReceiver {
-public:
-    explicit Printer(int wanted) : wanted_(wanted) {}
-    void onReceive(BroadcastService *, std::shared_ptr<Intent> intent) override
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        intent->printExtras();
-        std::cout << std::flush;
-        ++seen_;
-        done_.notify_all();
-    }
-    void wait()
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        done_.wait(lock, [this] { return wanted_ > 0 && seen_ >= wanted_; });
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable done_;
-    int wanted_;
-    int seen_ = 0;
+// One line per group of commands; order is the order in --help.
+const cli::AddCommands kGroups[] = {
+    cli::addServiceCommands,
+    cli::addBroadcastCommands,
+    cli::addPlayCommand,
 };
 
-void addBroadcast(CLI::App &app, int &status)
-{
-    CLI::App *group = app.get_subcommand("broadcast");
-
-    struct Send {
-        std::string action;
-        std::vector<std::string> ints, strings; // KEY=VALUE each
-    };
-    auto send = std::make_shared<Send>();
-    auto keyValue = CLI::Validator(
-        [](std::string &s) { return s.find('=') == std::string::npos ? "expected KEY=VALUE" : ""; },
-        "KEY=VALUE");
-    CLI::App *cmd = group->add_subcommand("send", "Send a broadcast (no result to check)");
-    cmd->add_option("ACTION", send->action, "Action of the intent")->required();
-    cmd->add_option("--int", send->ints, "Integer extra KEY=VALUE (repeatable)")
-        ->check(keyValue)
-        ->allow_extra_args(false);
-    cmd->add_option("--string", send->strings, "String extra KEY=VALUE (repeatable)")
-        ->check(keyValue)
-        ->allow_extra_args(false);
-    cmd->callback([send, &status] {
-        Intent intent(send->action);
-        auto split = [](const std::string &kv) {
-            size_t eq = kv.find('=');
-            return std::make_pair(kv.substr(0, eq), kv.substr(eq + 1));
-        };
-        for (auto &kv : send->ints) {
-            auto [k, v] = split(kv);
-            size_t used = 0;
-            int n = std::stoi(v, &used);
-            if (used != v.size())
-                throw std::invalid_argument("not an integer: " + v);
-            intent.putExtra(k, n);
-        }
-        for (auto &kv : send->strings) {
-            auto [k, v] = split(kv);
-            intent.putExtra(k, v);
-        }
-        Context::SendBroadcast(intent);
-        status = 0;
-    });
-
-    auto listen = std::make_shared<std::pair<std::vector<std::string>, int>>();
-    cmd = group->add_subcommand("listen", "Print each broadcast of these actions as it arrives");
-    cmd->add_option("ACTION", listen->first, "Actions to receive")->required();
-    cmd->add_option("--count", listen->second, "Exit after N deliveries (default: run until interrupted)")
-        ->check(CLI::PositiveNumber);
-    cmd->callback([listen, &status] {
-        // Filter and receiver stay registered for the rest of the process.
-        auto *filter = new IntentFilter;
-        for (auto &a : listen->first)
-            filter->addAction(a);
-        auto *printer = new Printer(listen->second);
-        Context::CreateBroadcastService()->registerReceiver(printer, filter);
-        std::cerr << "hmisvc: listening" << std::endl;
-        printer->wait();
-        status = 0;
-    });
-}
-
-void addPlay(CLI::App &app, int &status)
-{
-    auto file = std::make_shared<std::string>();
-    CLI::App *cmd = app.add_subcommand("play", "Play a WAV file and wait for the end");
-    cmd->add_option("FILE", *file, "PCM WAV file")->required()->check(CLI::ExistingFile);
-    cmd->callback([file, &status] {
-        MediaPlayer player;
-        std::mutex mutex;
-        std::condition_variable cv;
-        bool finished = false;
-        player.SetDataSource(*file);
-        player.SetOnCompletionCallback([&](int, MediaPlayer *) {
-            std::lock_guard<std::mutex> lock(mutex);
-            finished = true;
-            cv.notify_all();
-        });
-        player.Start();
-        std::unique_lock<std::mutex> lock(mutex);
-        cv.wait(lock, [&] { return finished; });
-        status = 0;
-    });
-}
+const char kFooter[] =
+    "Exit status: 0 success; 1 the call failed or the service is not reachable;\n"
+    "2 usage error (nothing was sent); 3 the service refused (answered a non-zero\n"
+    "status).\n"
+    "\n"
+    "Results go to stdout; the library's own lines (\"Fail binder call ...\") and\n"
+    "failures to stderr. With --json a query prints one JSON value (records as\n"
+    "objects, lists as arrays) and a command without a result prints nothing.\n"
+    "Record fields are named after what the device simulator (hmisvc-devsim)\n"
+    "keeps in them; the library fixes only their order (text1..text6, kind,\n"
+    "value), so a real service may fill them differently.";
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    CLI::App app{"Call the device's system services"};
+    CLI::App app{"Call the device's system services over binder", "hmisvc"};
     app.require_subcommand(1);
-    app.footer("Exit status 1 when a call returned its failure value. Void calls, flags and\n"
-               "`settings get` cannot tell a failure: look for \"Fail binder call\" on stdout.");
-    int status = 0;
+    app.fallthrough();
+    app.footer(kFooter);
+    app.set_version_flag("--version", "hmisvc " HMISVC_VERSION);
+    cli::Session session;
+    app.add_flag("--json", session.json, "Print results as JSON");
+    for (cli::AddCommands add : kGroups)
+        add(app, session);
 
-    // Storage for the parsed arguments: one Values per command, kept stable.
-    std::deque<cli::Values> values;
-    for (const cli::Group &g : cli::groups())
-        app.add_subcommand(g.name, g.help)->require_subcommand(1);
-    for (const cli::Command &c : cli::commands()) {
-        CLI::App *cmd = app.get_subcommand(c.service)->add_subcommand(c.name, c.help);
-        cli::Values &v = values.emplace_back();
-        v.slots.resize(c.args.size());
-        for (size_t i = 0; i < c.args.size(); ++i) {
-            auto &slot = v.slots[i];
-            CLI::Option *opt = nullptr;
-            switch (c.args[i].type) {
-            case cli::Type::Int: opt = cmd->add_option(c.args[i].name, slot.emplace<long>()); break;
-            case cli::Type::Text: opt = cmd->add_option(c.args[i].name, slot.emplace<std::string>()); break;
-            case cli::Type::Bool: opt = cmd->add_option(c.args[i].name, slot.emplace<bool>()); break;
-            }
-            opt->required();
-        }
-        cmd->callback([&c, &v, &status] { status = c.invoke(v); });
+    if (std::string wrong = cli::checkWords(app, argc, argv); !wrong.empty()) {
+        std::cerr << wrong << "\nRun with --help for more information." << std::endl;
+        return cli::kUsage;
     }
-    addBroadcast(app, status);
-    addPlay(app, status);
-
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
-        return app.exit(e);
-    } catch (const std::exception &e) {
-        std::cout << std::flush;
-        std::cerr << "hmisvc: " << e.what() << std::endl;
-        return 1;
+        // --help and --version end here too, with status 0.
+        return app.exit(e) == 0 ? cli::kOk : cli::kUsage;
     }
     std::cout << std::flush;
-    return status;
+    return session.status;
 }
