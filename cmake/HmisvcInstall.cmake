@@ -72,6 +72,9 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libhmisvc${PROJECT_VERSION_MAJOR} (= ${_hm
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME hmisvc-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+# hmisvc-run boots a guest from Debian's kernel where the host has no binder.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS
+  "qemu-system-x86 | qemu-system-arm, busybox-static, cpio, xz-utils, zstd, binutils")
 
 # The tools' dependencies are known once the tools are configured: a build
 # without inih has no simulator.
