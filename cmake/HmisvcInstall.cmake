@@ -153,6 +153,9 @@ broadcasts. hmisvc-servicemanager is a binder context manager that answers
 service lookups and publications; hmisvc-devsim simulates the device's
 services so that applications can be tried on any Linux host with a binder
 driver.")
+# hmisvc-run boots a guest from Debian's kernel where the host has no binder.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS
+  "qemu-system-x86 | qemu-system-arm, busybox-static, cpio, xz-utils, zstd, binutils")
 
 # Documentation every package carries: copyright and the compressed changelog.
 set(_hmisvc_changelog ${PROJECT_BINARY_DIR}/changelog.Debian.gz)

@@ -4,7 +4,7 @@
 // Also counts the heap allocations of binder_call and binder_done.
 //
 // Needs /dev/binder and no other context manager: the service is handle 0.
-// Run it through tests/vm/run-in-vm (target bench-binder-vm).
+// Run it through hmisvc-run (target bench-binder-vm).
 #include "alloc_counter.h"
 #include "raw_client.h"
 #include "timing.h"

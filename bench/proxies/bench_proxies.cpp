@@ -4,7 +4,7 @@
 // call; and what building a proxy (open, map, lookup) costs.
 //
 // Needs /dev/binder and no other context manager. Run it through
-// tests/vm/run-in-vm (target bench-proxies-vm).
+// hmisvc-run (target bench-proxies-vm).
 #include "alloc_counter.h"
 #include "process.h"
 #include "raw_client.h"

@@ -3,7 +3,7 @@
 // The process forks. The child publishes a service named "hello" and serves
 // it; the parent looks "hello" up, calls it once with a name and prints the
 // greeting it gets back. Needs a running service manager (hmisvc-servicemanager)
-// and a binder driver; tests/vm/run-in-vm provides the latter.
+// and a binder driver; hmisvc-run provides the latter.
 #include <hmisvc/binder.h>
 
 #include <csignal>
