@@ -23,4 +23,6 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 # linked against code built before that.
 set(CMAKE_C_FLAGS_INIT -Wno-psabi)
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L /usr/arm-linux-gnueabihf)
+# The library path keeps the loader from the host's cache and multiarch
+# directories (lib32 copies, libc6:armhf of another build), which crash it.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L /usr/arm-linux-gnueabihf -E LD_LIBRARY_PATH=/usr/arm-linux-gnueabihf/lib)

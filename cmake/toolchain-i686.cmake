@@ -33,7 +33,10 @@ if(NOT _hmisvc_in_try_compile)
       message(FATAL_ERROR "This kernel cannot execute 32-bit x86 programs and qemu-i386 "
                           "(package qemu-user) is missing")
     endif()
-    set(CMAKE_CROSSCOMPILING_EMULATOR ${HMISVC_QEMU_I386} -L /usr/i686-linux-gnu)
+    # The library path keeps the loader from the host's cache, which names
+    # libc6-i386's copies: a libc of another build than this loader hangs.
+    set(CMAKE_CROSSCOMPILING_EMULATOR ${HMISVC_QEMU_I386} -L /usr/i686-linux-gnu
+        -E LD_LIBRARY_PATH=/usr/i686-linux-gnu/lib)
     set(HMISVC_I686_RUNS "under qemu-i386 (this kernel cannot execute them)"
         CACHE INTERNAL "How the build's 32-bit x86 programs run")
   endif()
