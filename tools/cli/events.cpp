@@ -1,6 +1,7 @@
 // The commands that take options or wait for events: broadcast send and
 // listen, and playback.
 #include <condition_variable>
+#include <dlfcn.h>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -142,6 +143,16 @@ void addPlayCommand(CLI::App &app, Session &session)
     CLI::App *cmd = app.add_subcommand("play", "Play a WAV file and wait for the end");
     cmd->add_option("FILE", *file, "PCM WAV file")->required()->check(CLI::ExistingFile);
     cmd->callback([file, &session] {
+        // The player's design ends the process when libasound cannot be
+        // opened; the tool tries it first and says so instead.
+        void *alsa = dlopen(HMISVC_ALSA_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+        if (!alsa) {
+            const char *why = dlerror();
+            std::cerr << "hmisvc: failed: cannot play: " << (why ? why : HMISVC_ALSA_LIBRARY) << '\n';
+            session.status = kFailed;
+            return;
+        }
+        dlclose(alsa);
         MediaPlayer player;
         std::mutex mutex;
         std::condition_variable cv;
