@@ -16,6 +16,7 @@
 #include <hmisvc/media.h>
 
 #include "commands.h"
+#include "sim.h"
 
 namespace {
 
@@ -159,6 +160,7 @@ int main(int argc, char **argv)
     }
     addBroadcast(app, status);
     addPlay(app, status);
+    cli::addSim(app, status);
 
     try {
         app.parse(argc, argv);

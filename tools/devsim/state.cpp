@@ -67,6 +67,9 @@ Json StateJson::dump(const Device &device)
         else
             out[section] = to_json_value(value);
     });
+    // What is answered: the host's free space unless a value was set.
+    out["system"]["storage_free_kib"] = device.system.storage_free_kib();
+    out["system"]["ram_free_kib"] = device.system.ram_free_kib();
     // Derived, shown for reading: what GetWifiinfo, GetCurrentNet and
     // GetNetLevel answer now.
     out["wifi"]["current"] = to_json_value(device.network.wifi());
