@@ -71,6 +71,8 @@ Result Control::set(const std::string &key, const std::string &value)
         bool settings_key = depth == 2 && key.rfind("settings.", 0) == 0;
         std::string step = key.substr(from, settings_key ? std::string::npos : dot - from);
         bool creating = depth >= 1 && key.rfind("settings.", 0) == 0;
+        if (creating && at->is_null())
+            *at = Json::object();  // a new settings section
         if (step.empty() || !at->is_object() || (!creating && !at->contains(step)))
             return refused(key + ": no such key (see `hmisvc sim dump`)");
         at = &(*at)[step];

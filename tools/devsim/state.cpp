@@ -130,7 +130,7 @@ void StateJson::load(Device &device, const Json &state)
     auto &scan = p.network.scan_;
     auto it = std::find_if(scan.begin(), scan.end(), [&](const WifiList &w) { return w.text1 == p.connected; });
     if (!p.connected.empty() && it == scan.end())
-        throw JsonError("wifi.connected: \"" + p.connected + "\" is not in wifi.scan");
+        throw JsonError("wifi.connected: \"" + p.connected + "\" is not in wifi.scan (set wifi.connected to \"\" first to drop it)");
     p.network.joined_ = p.connected.empty() ? -1 : static_cast<int>(it - scan.begin());
 
     device.settings.replace(std::move(p.settings));
