@@ -3,6 +3,8 @@
 #include "looper.h"
 
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <thread>
 #include <utility>
 
@@ -146,9 +148,59 @@ std::vector<Service> make_services(Device &d)
     };
 }
 
+class TraceWriter {
+public:
+    explicit TraceWriter(std::FILE *out) : out_(out), thread_([this] { run(); }) {}
+    ~TraceWriter()
+    {
+        {
+            std::lock_guard<std::mutex> hold(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+    }
+    void add(std::string line)
+    {
+        {
+            std::lock_guard<std::mutex> hold(mutex_);
+            lines_.push_back(std::move(line));
+        }
+        wake_.notify_one();
+    }
+
+private:
+    void run()
+    {
+        std::unique_lock<std::mutex> hold(mutex_);
+        for (;;) {
+            wake_.wait(hold, [this] { return stopping_ || !lines_.empty(); });
+            std::deque<std::string> batch;
+            batch.swap(lines_);
+            hold.unlock();
+            for (const std::string &line : batch)
+                std::fprintf(out_, "%s\n", line.c_str());
+            std::fflush(out_);  // every line out as soon as the queue is drained
+            hold.lock();
+            if (stopping_ && lines_.empty())
+                return;
+        }
+    }
+
+    std::FILE *out_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<std::string> lines_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
 Simulator::Simulator(Device &device, std::FILE *record, std::FILE *trace)
-    : services_(make_services(device)), record_(record), trace_(trace)
+    : services_(make_services(device)), record_(record), trace_(trace),
+      trace_writer_(trace ? std::make_unique<TraceWriter>(trace) : nullptr)
 {}
+
+Simulator::~Simulator() = default;
 
 const Service *Simulator::find(const std::string &name) const
 {
@@ -278,8 +330,7 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
             line["status"] = status == tools::kFailTransaction ? Json("failed transaction") : Json(status),
             line["error"] = why ? why : "?";
         line["us"] = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count();
-        std::fprintf(trace_, "%s\n", line.dump().c_str());
-        std::fflush(trace_);
+        trace_writer_->add(line.dump());
     }
     return status;
 }

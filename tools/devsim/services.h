@@ -12,6 +12,7 @@
 
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -52,6 +53,10 @@ struct Service {
 // (the published objects point into it).
 std::vector<Service> make_services(Device &device);
 
+// Writes trace lines on a thread of its own, so that a slow trace file (a
+// pipe, a network file system) does not hold up the calls.
+class TraceWriter;
+
 // What `hmisvc sim fail` makes a service do with its next calls.
 struct Fault {
     static constexpr int32_t kFailCall = 0;
@@ -69,6 +74,7 @@ public:
     // Requests are recorded to `record` and traced, one JSON line each, to
     // `trace` when given.
     Simulator(Device &device, std::FILE *record = nullptr, std::FILE *trace = nullptr);
+    ~Simulator();
 
     const std::vector<Service> &services() const { return services_; }
     const Service *find(const std::string &name) const;
@@ -102,6 +108,7 @@ private:
     const Service *extra_ = nullptr;
     std::FILE *record_;
     std::FILE *trace_;
+    std::unique_ptr<TraceWriter> trace_writer_;
     std::mutex mutex_;
     std::map<const Service *, Fault> faults_;
 };

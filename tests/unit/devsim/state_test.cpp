@@ -44,8 +44,9 @@ TEST_F(Steered, SetChangesOneValueOrRefusesAndChangesNothing)
         std::string before = control.dump().text;
         ControlResult r = control.set(c.key, c.value);
         EXPECT_EQ(r.code, c.code) << r.text;
-        if (c.code != 0)
+        if (c.code != 0) {
             EXPECT_EQ(control.dump().text, before);
+        }
     }
     EXPECT_EQ(device.settings.get("panel", "title.long", ""), "a b");
     EXPECT_EQ(device.system.hmi_name, "Line 3");
