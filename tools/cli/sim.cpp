@@ -4,6 +4,7 @@
 
 #include <hmisvc/binder.h>
 
+#include <climits>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -102,8 +103,8 @@ void addControl(CLI::App &sim, int &status)
     cmd->add_option("--status", (*fault)[0],
                     "Answer a status reply with this word (the proxy decodes it as its answer) "
                     "instead of failing the call");
-    cmd->add_option("--calls", (*fault)[1], "Only the next N calls")->check(CLI::PositiveNumber);
-    cmd->add_option("--delay-ms", (*fault)[2], "Answer normally, but N ms late")->check(CLI::NonNegativeNumber);
+    cmd->add_option("--calls", (*fault)[1], "Only the next N calls")->check(CLI::Range(1, INT32_MAX));
+    cmd->add_option("--delay-ms", (*fault)[2], "Answer normally, but N ms late")->check(CLI::Range(0, INT32_MAX));
     cmd->callback([name, fault, &status] {
         status = control(kFail, {{true, *name, 0}, {false, {}, (*fault)[0]}, {false, {}, (*fault)[1]},
                                  {false, {}, (*fault)[2]}});

@@ -4,6 +4,7 @@
 #include "looper.h"
 #include "publisher.h"
 #include "services.h"
+#include "state.h"
 
 #include <hmisvc/binder.h>
 
@@ -19,6 +20,7 @@
 namespace {
 
 using hmisvc::devsim::Control;
+using hmisvc::devsim::Json;
 using hmisvc::devsim::Service;
 using hmisvc::devsim::Simulator;
 
@@ -56,6 +58,21 @@ int main(int argc, char **argv)
     hmisvc::devsim::Device device(settings_file);
     if (std::string err = device.settings.load(); !err.empty())
         return fail(err);
+    if (!state_file.empty()) {
+        std::ifstream in(state_file);
+        std::stringstream text;
+        text << in.rdbuf();
+        if (!in)
+            return fail(state_file + ": cannot read");
+        Json state = Json::parse(text.str(), nullptr, false);
+        if (state.is_discarded())
+            return fail(state_file + ": not JSON");
+        try {
+            hmisvc::devsim::StateJson::load(device, state);
+        } catch (const hmisvc::devsim::JsonError &e) {
+            return fail(state_file + ": " + e.what());
+        }
+    }
     std::FILE *record = nullptr;
     if (!record_file.empty() && !(record = std::fopen(record_file.c_str(), "a")))
         return fail(record_file + ": " + std::strerror(errno));
@@ -80,15 +97,6 @@ int main(int argc, char **argv)
     hmisvc::tools::Publisher publisher(bs);
     Control control(device, simulator, publisher);
     simulator.add_extra(&control.service());
-    if (!state_file.empty()) {
-        std::ifstream in(state_file);
-        std::stringstream text;
-        text << in.rdbuf();
-        if (!in)
-            return fail(state_file + ": cannot read");
-        if (auto r = control.load_state(text.str()); r.code != 0)
-            return fail(state_file + ": " + r.text);
-    }
     device.broadcasts.attach(bs);
 
     published.push_back(&control.service());
