@@ -4,6 +4,7 @@
 
 #include <hmisvc/binder.h>
 
+#include <cerrno>
 #include <climits>
 #include <fstream>
 #include <iostream>
@@ -71,7 +72,10 @@ int control(uint32_t code, const std::vector<Arg> &args)
     std::string answer = text ? std::string(text, len) : std::string();
     binder_done(c.bs, &msg, &reply);
     if (!text) {
-        std::cerr << "hmisvc: the simulator refused the request (status " << result << ")" << std::endl;
+        if (result == -EMSGSIZE)
+            std::cerr << "hmisvc: the answer is larger than the simulator's reply area" << std::endl;
+        else
+            std::cerr << "hmisvc: the simulator refused the request (status " << result << ")" << std::endl;
         return 1;
     }
     if (result == 0) {

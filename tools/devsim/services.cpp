@@ -284,7 +284,8 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
         method = &service->methods[txn.code];
     if (service && service == extra_) {
         Request in(msg);
-        return method ? method->run(in, reply, nullptr) : int{kUnknownMethod};
+        int status = method ? method->run(in, reply, nullptr) : int{kUnknownMethod};
+        return status == kOk && (reply.flags & BIO_FLAG_OVERFLOW) ? int{kReplyTooLarge} : status;
     }
 
     std::unique_lock<std::mutex> hold(mutex_);

@@ -77,4 +77,20 @@ TEST_F(Steered, FailFindsServicesThroughTheMethodTable)
     EXPECT_EQ(control.heal("backlight").code, 0);
 }
 
+TEST_F(Steered, ADumpLargerThanTheReplyAreaIsAnErrorNotCut)
+{
+    simulator.add_extra(&control.service());
+    for (std::size_t area : {std::size_t{64}, std::size_t{64 * 1024}}) {
+        uint32_t request = 0;  // dump: the leading word alone
+        binder_transaction_data txn{};
+        txn.target.ptr = reinterpret_cast<binder_uintptr_t>(&control.service());
+        binder_io msg{}, reply;
+        msg.data_start = msg.cursor = reinterpret_cast<char *>(&request);
+        msg.data_left = sizeof request;
+        std::vector<char> out(area);
+        bio_init(&reply, out.data(), static_cast<uint32_t>(area), 4);
+        EXPECT_EQ(simulator.handle(txn, msg, reply), area == 64 ? kReplyTooLarge : kOk);
+    }
+}
+
 }  // namespace
