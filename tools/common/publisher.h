@@ -27,7 +27,6 @@ public:
     int publish(const std::string &name, void *object);
     // 0 when dropped; otherwise a message says why on standard error.
     int unpublish(const std::string &name, void *object);
-    bool published(const std::string &name) const;
 
     // Starts watching the service manager; call once the first services
     // are published.

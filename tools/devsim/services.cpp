@@ -325,11 +325,12 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
             line["one_way"] = true;
         if (trace.contains("args"))
             line["args"] = trace["args"];
-        if (status == kOk)
+        if (status == kOk) {
             line["reply"] = trace.contains("reply") ? trace["reply"] : Json(nullptr);
-        else
-            line["status"] = status == tools::kFailTransaction ? Json("failed transaction") : Json(status),
+        } else {
+            line["status"] = status == tools::kFailTransaction ? Json("failed transaction") : Json(status);
             line["error"] = why ? why : "?";
+        }
         line["us"] = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count();
         trace_writer_->add(line.dump());
     }
