@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include "app.h"
+#include "sim.h"
 
 namespace {
 
@@ -13,6 +14,7 @@ const cli::AddCommands kGroups[] = {
     cli::addServiceCommands,
     cli::addBroadcastCommands,
     cli::addPlayCommand,
+    cli::addSimCommands,
 };
 
 const char kFooter[] =

@@ -1,6 +1,7 @@
 #include "service_registry.h"
 
 #include <cstdio>
+#include <iterator>
 #include <vector>
 
 namespace hmisvc::tools {
@@ -28,10 +29,28 @@ void ServiceRegistry::publish(const std::u16string &name, uint32_t handle)
     }
 }
 
+bool ServiceRegistry::remove(const std::u16string &name, uint32_t handle)
+{
+    auto it = names_.find(name);
+    if (it == names_.end() || it->second != handle)
+        return false;
+    names_.erase(it);
+    unref(handle);
+    return true;
+}
+
 uint32_t ServiceRegistry::lookup(const std::u16string &name) const
 {
     auto it = names_.find(name);
     return it == names_.end() ? 0 : it->second;
+}
+
+bool ServiceRegistry::name_at(std::size_t n, std::u16string &name) const
+{
+    if (n >= names_.size())
+        return false;
+    name = std::next(names_.begin(), static_cast<std::ptrdiff_t>(n))->first;
+    return true;
 }
 
 void ServiceRegistry::unref(uint32_t handle)

@@ -28,9 +28,14 @@ public:
     // `handle` must be a reference this connection holds while the call
     // runs (e.g. one that arrived in the request being served).
     void publish(const std::u16string &name, uint32_t handle);
+    // Drops the name if `handle` is what it is published as (only its
+    // publisher can send that object); false otherwise.
+    bool remove(const std::u16string &name, uint32_t handle);
     // 0 when the name is unknown.
     uint32_t lookup(const std::u16string &name) const;
     std::size_t size() const { return names_.size(); }
+    // The n-th name in sorted order; false past the last.
+    bool name_at(std::size_t n, std::u16string &name) const;
 
     void on_death(DeathHook hook) { death_hook_ = std::move(hook); }
 

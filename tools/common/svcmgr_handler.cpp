@@ -20,15 +20,23 @@ bool get_string16(binder_io &msg, std::u16string &out)
     return true;
 }
 
-// Header word, interface name and service name, common to both requests.
-// Returns why the request is refused, or null with `name` set.
-const char *get_prologue(binder_io &msg, std::u16string &name)
+// Header word and interface name, common to all requests. Returns why the
+// request is refused, or null.
+const char *get_header(binder_io &msg)
 {
     std::u16string interface;
     if (bio_get_uint32(&msg) != 0 || (msg.flags & BIO_FLAG_OVERFLOW))
         return "bad header word";
     if (!get_string16(msg, interface) || interface != INTERFACE)
         return "bad interface name";
+    return nullptr;
+}
+
+// The header, then the service name of a lookup or publish request.
+const char *get_prologue(binder_io &msg, std::u16string &name)
+{
+    if (const char *why = get_header(msg))
+        return why;
     if (!get_string16(msg, name) || name.empty())
         return "bad service name";
     return nullptr;
@@ -46,12 +54,6 @@ SvcmgrHandler::SvcmgrHandler(ServiceRegistry &registry, std::FILE *trace)
         });
 }
 
-int SvcmgrHandler::serve(binder_connection *, binder_transaction_data *txn, binder_io *msg,
-                         binder_io *reply, void *self)
-{
-    return static_cast<SvcmgrHandler *>(self)->handle(*txn, *msg, *reply);
-}
-
 int SvcmgrHandler::handle(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
 {
     switch (txn.code) {
@@ -59,6 +61,10 @@ int SvcmgrHandler::handle(const binder_transaction_data &txn, binder_io &msg, bi
         return lookup(txn, msg, reply);
     case SVCMGR_CODE_PUBLISH:
         return publish(txn, msg, reply);
+    case kSvcmgrCodeUnpublish:
+        return unpublish(txn, msg, reply);
+    case kSvcmgrCodeList:
+        return list(txn, msg, reply);
     default:
         return refuse(txn, "unknown code");
     }
@@ -78,6 +84,20 @@ int SvcmgrHandler::lookup(const binder_transaction_data &txn, binder_io &msg, bi
     return 0;
 }
 
+int SvcmgrHandler::list(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
+{
+    if (const char *why = get_header(msg))
+        return refuse(txn, why);
+    uint32_t index = bio_get_uint32(&msg);
+    if (msg.flags & BIO_FLAG_OVERFLOW)
+        return refuse(txn, "no index");
+    std::u16string name;
+    if (!registry_.name_at(index, name))
+        return kNoMoreNames;
+    bio_put_string16(&reply, reinterpret_cast<const uint16_t *>(name.c_str()));
+    return 0;
+}
+
 int SvcmgrHandler::publish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
 {
     std::u16string name;
@@ -92,6 +112,22 @@ int SvcmgrHandler::publish(const binder_transaction_data &txn, binder_io &msg, b
         std::fprintf(trace_, "svcmgr: publish \"%s\" from pid %d as handle %u\n",
                      printable(name).c_str(), txn.sender_pid, handle);
     bio_put_uint32(&reply, 0);
+    return 0;
+}
+
+int SvcmgrHandler::unpublish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
+{
+    std::u16string name;
+    if (const char *why = get_prologue(msg, name))
+        return refuse(txn, why);
+    uint32_t handle = bio_get_ref(&msg);
+    if (handle == 0)
+        return refuse(txn, "no object reference");
+    bool dropped = registry_.remove(name, handle);
+    if (trace_)
+        std::fprintf(trace_, "svcmgr: unpublish \"%s\" from pid %d: %s\n", printable(name).c_str(),
+                     txn.sender_pid, dropped ? "dropped" : "not its publisher");
+    bio_put_uint32(&reply, dropped ? 0 : 1);
     return 0;
 }
 

@@ -11,8 +11,18 @@
 
 namespace hmisvc::tools {
 
+// Our addition to the lookup and publish requests: the header word and the
+// interface name, then an index; the answer is the name at that index (in
+// sorted order) as a 16-bit string, or the status kNoMoreNames past the last.
+constexpr uint32_t kSvcmgrCodeList = 4;
+// And its counterpart to publish: the same request, which drops the name
+// when the object sent is the one published under it (answer: the status
+// word 0, or 1 when not).
+constexpr uint32_t kSvcmgrCodeUnpublish = 5;
+
 class SvcmgrHandler {
 public:
+    static constexpr int kNoMoreNames = 1;
     // Status sent back for a request that is not a well-formed lookup or
     // publish.
     static constexpr int BAD_REQUEST = -1;
@@ -23,13 +33,11 @@ public:
     // The reply status: 0 with the answer written into reply, else an error.
     int handle(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
 
-    // Fits binder_loop2 with the handler as its argument.
-    static int serve(binder_connection *bs, binder_transaction_data *txn, binder_io *msg,
-                     binder_io *reply, void *self);
-
 private:
     int lookup(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
+    int list(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
     int publish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
+    int unpublish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
     int refuse(const binder_transaction_data &txn, const char *why);
 
     ServiceRegistry &registry_;

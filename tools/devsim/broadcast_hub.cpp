@@ -163,4 +163,13 @@ std::size_t BroadcastHub::endpoints() const
     return shared_->endpoints.size();
 }
 
+std::vector<std::string> BroadcastHub::names() const
+{
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    std::vector<std::string> out;
+    for (const auto &entry : shared_->endpoints)
+        out.push_back(entry.first);
+    return out;
+}
+
 }  // namespace hmisvc::devsim

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace hmisvc::devsim {
 
@@ -32,6 +33,7 @@ public:
     void send(const std::string &payload);
 
     std::size_t endpoints() const;
+    std::vector<std::string> names() const;
 
 private:
     struct Shared;

@@ -177,30 +177,36 @@ int32_t Network::level_of(int32_t dbm) { return std::clamp((dbm + 100) / 10, 0, 
 
 // ---- system ----
 
-std::string SystemInfo::version(const std::string &component)
+SystemInfo::SystemInfo()
+    : versions{{"system", "1.0.0-devsim"}, {"firmware", "2.1.0"}, {"bootloader", "2019.04-devsim"}}
 {
-    if (component == "kernel") {
-        utsname u{};
-        return uname(&u) == 0 ? u.release : "";
-    }
-    static const std::map<std::string, std::string> known = {
-        {"system", "1.0.0-devsim"}, {"firmware", "2.1.0"}, {"bootloader", "2019.04-devsim"}};
-    auto it = known.find(component);
-    return it == known.end() ? "" : it->second;
+    utsname u{};
+    if (uname(&u) == 0)
+        versions["kernel"] = u.release;
+}
+
+std::string SystemInfo::version(const std::string &component) const
+{
+    auto it = versions.find(component);
+    return it == versions.end() ? "" : it->second;
 }
 
 namespace {
 int32_t kib(unsigned long long bytes) { return static_cast<int32_t>(std::min<unsigned long long>(bytes / 1024, INT32_MAX)); }
 }  // namespace
 
-int32_t SystemInfo::storage_free_kib()
+int32_t SystemInfo::storage_free_kib() const
 {
+    if (storage_free >= 0)
+        return storage_free;
     struct statvfs fs{};
     return statvfs("/", &fs) == 0 ? kib(static_cast<unsigned long long>(fs.f_bavail) * fs.f_frsize) : 0;
 }
 
-int32_t SystemInfo::ram_free_kib()
+int32_t SystemInfo::ram_free_kib() const
 {
+    if (ram_free >= 0)
+        return ram_free;
     struct sysinfo si{};
     return sysinfo(&si) == 0 ? kib(static_cast<unsigned long long>(si.freeram) * si.mem_unit) : 0;
 }

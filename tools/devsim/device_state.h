@@ -10,10 +10,15 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
 namespace hmisvc::devsim {
+
+// Reads and writes the state as JSON (state.cpp); a friend of the classes
+// whose invariants it checks.
+struct StateJson;
 
 // Brightness steps 0..max, and a lock that freezes the level.
 class Backlight {
@@ -32,6 +37,7 @@ public:
     int32_t lock_value() const { return lock_value_; }
 
 private:
+    friend StateJson;
     int32_t max_;
     int32_t level_;
     bool locked_ = false;
@@ -61,6 +67,7 @@ public:
     void set_modifiable(bool on) { modifiable_ = on; }
 
 private:
+    friend StateJson;
     Source source_;
     std::chrono::milliseconds offset_{0};
     bool modifiable_ = true;
@@ -88,16 +95,16 @@ public:
 
     NetInfo ethernet() const { return ethernet_; }
     void set_ethernet(const NetInfo &info) { ethernet_ = info; }
-    std::string ethernet_mac() const { return "02:48:4d:49:00:01"; }
+    std::string ethernet_mac() const { return ethernet_mac_; }
 
-    bool has_modem() const { return true; }
+    bool has_modem() const { return has_modem_; }
     P4gInfo modem() const { return modem_; }
-    std::string ccid() const { return "89860000000000000001"; }
+    std::string ccid() const { return ccid_; }
 
-    bool has_wifi() const { return true; }
+    bool has_wifi() const { return has_wifi_; }
     WifiInfo wifi() const;
     const std::vector<WifiList> &scan() const { return scan_; }
-    std::string wifi_mac() const { return "02:48:4d:49:00:02"; }
+    std::string wifi_mac() const { return wifi_mac_; }
     // Joins a listed network given a password of kMinPassword bytes or
     // more; a refused attempt leaves the current connection as it was.
     int32_t connect(const std::string &ssid, const std::string &password, int32_t option);
@@ -115,8 +122,14 @@ public:
     static int32_t level_of(int32_t dbm);
 
 private:
+    friend StateJson;
     const WifiList *joined() const;
 
+    std::string ethernet_mac_ = "02:48:4d:49:00:01";
+    std::string wifi_mac_ = "02:48:4d:49:00:02";
+    std::string ccid_ = "89860000000000000001";
+    bool has_modem_ = true;
+    bool has_wifi_ = true;
     NetInfo ethernet_;
     P4gInfo modem_;
     std::vector<WifiList> scan_;
@@ -126,21 +139,29 @@ private:
 
 // Identity and host-backed resources of the system service.
 struct SystemInfo {
+    SystemInfo();
+
     bool udisk_mounted = true;
     bool settings_shown = false;
-    unsigned reboots = 0;
+    int32_t reboots = 0;
 
-    static std::string udisk_root() { return "/mnt/udisk"; }
-    static std::string device_id() { return "HMI-DEVSIM-000001"; }
-    static int32_t device_type() { return 1; }
-    static int32_t device_series() { return 7; }
-    static int32_t device_model() { return 70; }
-    static std::string hmi_name() { return "DevSim HMI"; }
+    std::string udisk_root = "/mnt/udisk";
+    std::string device_id = "HMI-DEVSIM-000001";
+    int32_t device_type = 1;
+    int32_t device_series = 7;
+    int32_t device_model = 70;
+    std::string hmi_name = "DevSim HMI";
+    // Component name to version; "kernel" is the host's release.
+    std::map<std::string, std::string> versions;
+    // Free space in KiB; below 0 (the default) the host's, capped at
+    // INT32_MAX.
+    int32_t storage_free = -1;
+    int32_t ram_free = -1;
+
     // "" for a component the simulator does not know.
-    static std::string version(const std::string &component);
-    // Free space in KiB, from the host, capped at INT32_MAX.
-    static int32_t storage_free_kib();
-    static int32_t ram_free_kib();
+    std::string version(const std::string &component) const;
+    int32_t storage_free_kib() const;
+    int32_t ram_free_kib() const;
 };
 
 // The VNC server, frp tunnel and VPN behind "vncfrpvpn".
@@ -163,8 +184,8 @@ struct Vpn {
 };
 
 struct Beeper {
-    unsigned beeps = 0;
-    int32_t last[2] = {0, 0};
+    int32_t beeps = 0;
+    std::vector<int32_t> last{0, 0};
 };
 
 }  // namespace hmisvc::devsim

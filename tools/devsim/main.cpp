@@ -1,27 +1,39 @@
 // hmisvc-devsim: the device's system services simulated on a PC, so that an
 // HMI application can run against the library without the device.
+#include "control.h"
+#include "looper.h"
+#include "publisher.h"
 #include "services.h"
+#include "state.h"
 
 #include <hmisvc/binder.h>
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
 
+using hmisvc::devsim::Control;
+using hmisvc::devsim::Json;
 using hmisvc::devsim::Service;
 using hmisvc::devsim::Simulator;
 
-// binder_loop, unlike binder_loop2, gives each reply a 40 KB area, which the
-// Wi-Fi scan list needs; its handler takes no argument of ours.
-Simulator *g_simulator = nullptr;
+// Threads serving the services: a call that `sim fail --delay-ms` holds up
+// occupies one, and the others go on serving.
+constexpr int kLoopers = 4;
+// Per-thread reply area: the largest answer is a dump of the state.
+constexpr std::size_t kReplyArea = 256 * 1024;
 
-int serve(binder_connection *, binder_transaction_data *txn, binder_io *msg, binder_io *reply)
+int fail(const std::string &what)
 {
-    return g_simulator->handle(*txn, *msg, *reply);
+    std::fprintf(stderr, "hmisvc-devsim: %s\n", what.c_str());
+    return 1;
 }
 
 }  // namespace
@@ -29,62 +41,79 @@ int serve(binder_connection *, binder_transaction_data *txn, binder_io *msg, bin
 int main(int argc, char **argv)
 {
     CLI::App app{"Simulates the device's system services over the binder driver."};
-    std::string settings_file;
-    std::string record_file;
+    std::string settings_file, record_file, trace_file, state_file;
     std::vector<std::string> only;
     bool verbose = false;
     app.add_option("--settings", settings_file, "INI file the settings are loaded from and saved to");
+    app.add_option("--state", state_file, "Start from this state (JSON, as `hmisvc sim dump` prints it)");
     app.add_option("--record", record_file,
                    "Append one line per request: <service> <code> <request bytes in hex>");
+    app.add_option("--trace", trace_file,
+                   "Write one JSON line per call (time, pid, service, method, args, reply or status, "
+                   "duration in us) to FILE, or to standard error for -");
     app.add_option("--services", only, "Publish only these services (comma-separated)")->delimiter(',');
-    app.add_flag("-v,--verbose", verbose, "Trace every request on stderr");
+    app.add_flag("-v,--verbose", verbose, "Same as --trace -");
     CLI11_PARSE(app, argc, argv);
 
     hmisvc::devsim::Device device(settings_file);
-    if (std::string err = device.settings.load(); !err.empty()) {
-        std::fprintf(stderr, "hmisvc-devsim: %s\n", err.c_str());
-        return 1;
+    if (std::string err = device.settings.load(); !err.empty())
+        return fail(err);
+    if (!state_file.empty()) {
+        std::ifstream in(state_file);
+        std::stringstream text;
+        text << in.rdbuf();
+        if (!in)
+            return fail(state_file + ": cannot read");
+        Json state = Json::parse(text.str(), nullptr, false);
+        if (state.is_discarded())
+            return fail(state_file + ": not JSON");
+        try {
+            hmisvc::devsim::StateJson::load(device, state);
+        } catch (const hmisvc::devsim::JsonError &e) {
+            return fail(state_file + ": " + e.what());
+        }
     }
     std::FILE *record = nullptr;
-    if (!record_file.empty() && !(record = std::fopen(record_file.c_str(), "a"))) {
-        std::perror(record_file.c_str());
-        return 1;
-    }
-    Simulator simulator(device, record, verbose ? stderr : nullptr);
+    if (!record_file.empty() && !(record = std::fopen(record_file.c_str(), "a")))
+        return fail(record_file + ": " + std::strerror(errno));
+    std::FILE *trace = verbose ? stderr : nullptr;
+    if (trace_file == "-")
+        trace = stderr;
+    else if (!trace_file.empty() && !(trace = std::fopen(trace_file.c_str(), "w")))
+        return fail(trace_file + ": " + std::strerror(errno));
+    Simulator simulator(device, record, trace);
 
     std::vector<const Service *> published;
     for (const Service &s : simulator.services())
-        published.push_back(&s);
-    if (!only.empty()) {
-        published.clear();
-        for (const std::string &name : only) {
-            const Service *s = simulator.find(name);
-            if (!s) {
-                std::fprintf(stderr, "hmisvc-devsim: no service named \"%s\"\n", name.c_str());
-                return 1;
-            }
-            published.push_back(s);
-        }
-    }
+        if (only.empty() || std::find(only.begin(), only.end(), s.name) != only.end())
+            published.push_back(&s);
+    for (const std::string &name : only)
+        if (!simulator.find(name))
+            return fail("no service named \"" + name + "\"");
 
-    binder_connection *bs = binder_open(128 * 1024);
+    binder_connection *bs = binder_open(1024 * 1024);
     if (!bs)
         return 1;
+    hmisvc::tools::Publisher publisher(bs);
+    Control control(device, simulator, publisher);
+    simulator.add_extra(&control.service());
     device.broadcasts.attach(bs);
-    for (const Service *s : published) {
-        if (svcmgr_publish(bs, SVCMGR_HANDLE, s->name, const_cast<Service *>(s)) != 0) {
-            std::fprintf(stderr, "hmisvc-devsim: cannot publish \"%s\" (is a service manager running?)\n",
-                         s->name);
-            binder_close(bs);
-            return 1;
-        }
-    }
+
+    published.push_back(&control.service());
+    for (const Service *s : published)
+        if (publisher.publish(s->name, const_cast<Service *>(s)) != 0)
+            return fail(std::string("cannot publish \"") + s->name + "\" (is a service manager running?)");
+    publisher.watch();
     std::printf("hmisvc-devsim: ready\n");
     std::fflush(stdout);
 
-    g_simulator = &simulator;
-    binder_loop(bs, serve);
+    auto handler = [&](const binder_transaction_data &txn, binder_io &msg, binder_io &reply) {
+        return simulator.handle(txn, msg, reply);
+    };
+    std::vector<std::thread> loopers;
+    for (int i = 1; i < kLoopers; ++i)
+        loopers.emplace_back([&] { hmisvc::tools::serve(bs, handler, kReplyArea, false); });
+    hmisvc::tools::serve(bs, handler, kReplyArea, true);
     // The loop returns only when the driver failed; it has said why.
-    binder_close(bs);
-    return 1;
+    std::_Exit(1);
 }

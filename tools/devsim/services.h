@@ -11,6 +11,9 @@
 #include <hmisvc/binder.h>
 
 #include <cstdio>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -30,9 +33,14 @@ struct Device {
     BroadcastHub broadcasts;
 };
 
+// One remote method: its name, its argument types in request order, and
+// whether it is a query (answers without changing anything), which a
+// snapshot of the device may call freely.
 struct Method {
     const char *name;
     Handler run;  // empty for a code the service does not use
+    std::vector<const char *> arg_types;
+    bool query = false;
 };
 
 // Its address is the binder object published under its name.
@@ -45,25 +53,64 @@ struct Service {
 // (the published objects point into it).
 std::vector<Service> make_services(Device &device);
 
+// Writes trace lines on a thread of its own, so that a slow trace file (a
+// pipe, a network file system) does not hold up the calls.
+class TraceWriter;
+
+// What `hmisvc sim fail` makes a service do with its next calls.
+struct Fault {
+    static constexpr int32_t kFailCall = 0;
+    // kFailCall: the caller's transaction fails, as with a broken service
+    // (the proxy prints its failure line and returns its failure value);
+    // otherwise the reply is this status word, which the proxy decodes as
+    // its answer.
+    int32_t status = kFailCall;
+    int32_t calls = -1;    // how many calls; below 0: all until healed
+    int32_t delay_ms = 0;  // with a delay, calls are answered normally, late
+};
+
 class Simulator {
 public:
-    // Requests are recorded to `record` and traced to `trace` when given.
+    // Requests are recorded to `record` and traced, one JSON line each, to
+    // `trace` when given.
     Simulator(Device &device, std::FILE *record = nullptr, std::FILE *trace = nullptr);
+    ~Simulator();
 
     const std::vector<Service> &services() const { return services_; }
     const Service *find(const std::string &name) const;
+    // The service that has a method of this name, or null.
+    const Service *find_method(const std::string &method) const;
 
-    // Serves one transaction whose target is one of services(): 0 with the
-    // answer written into reply, otherwise the error status to send.
+    // Serves one transaction whose target is one of services() or the
+    // extra service: 0 with the answer written into reply, otherwise the
+    // error status to send (or tools::kFailTransaction). Safe to call from
+    // several threads: the device is served under one lock, delays are
+    // waited out without it.
     int handle(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
+
+    // Another object served here (the control service), outside the lock
+    // and the trace.
+    void add_extra(const Service *service) { extra_ = service; }
+
+    void fail(const Service &service, Fault fault);
+    bool heal(const Service &service);
+
+    // Held while the device's state is read or changed.
+    std::mutex &lock() { return mutex_; }
 
 private:
     const Service *target(const binder_transaction_data &txn) const;
     void record(const char *service, uint32_t code, const binder_io &msg);
+    // The fault to apply to this call, after counting it.
+    bool take_fault(const Service *service, Fault &fault);
 
     std::vector<Service> services_;
+    const Service *extra_ = nullptr;
     std::FILE *record_;
     std::FILE *trace_;
+    std::unique_ptr<TraceWriter> trace_writer_;
+    std::mutex mutex_;
+    std::map<const Service *, Fault> faults_;
 };
 
 }  // namespace hmisvc::devsim

@@ -1,6 +1,7 @@
 #include "settings_store.h"
 
 #include <ini.h>
+#include <sys/stat.h>
 
 #include <cctype>
 #include <cerrno>
@@ -9,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
+#include <string_view>
 
 namespace hmisvc::devsim {
 
@@ -51,15 +54,34 @@ std::string SettingsStore::load()
 {
     if (file_.empty())
         return {};
-    std::FILE *f = std::fopen(file_.c_str(), "r");
-    if (!f) {
-        if (errno == ENOENT)
-            return {};  // nothing saved yet
-        return file_ + ": " + std::strerror(errno);
+    struct stat st{};
+    if (stat(file_.c_str(), &st) != 0)
+        return errno == ENOENT ? std::string() : file_ + ": " + std::strerror(errno);  // nothing saved yet
+    if (!S_ISREG(st.st_mode))
+        return file_ + ": not a regular file";
+    std::ifstream in(file_, std::ios::binary);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (!in && !in.eof())
+        return file_ + ": cannot read";
+    // The parser would split a longer line in two and take an indented
+    // line as a second value of the key before it; refuse both rather
+    // than keep something else than the file says.
+    std::size_t start = 0;
+    for (int line = 1; start < text.size(); ++line) {
+        std::size_t end = std::min(text.find('\n', start), text.size());
+        std::string_view l(text.data() + start, end - start);
+        std::size_t first = l.find_first_not_of(" \t\r");
+        std::string where = file_ + ":" + std::to_string(line) + ": ";
+        if (l.size() > kMaxLine)
+            return where + "line longer than " + std::to_string(kMaxLine) + " characters";
+        if (first > 0 && first != std::string_view::npos && l[first] != ';' && l[first] != '#')
+            return where + "indented line (a continued value, which the settings file cannot hold)";
+        if (l.find('\0') != std::string_view::npos)
+            return where + "NUL character";
+        start = end + 1;
     }
     Sections loaded;
-    int line = ini_parse_file(f, on_entry, &loaded);
-    std::fclose(f);
+    int line = ini_parse_string(text.c_str(), on_entry, &loaded);
     if (line != 0)
         return file_ + ":" + std::to_string(line) + ": not an INI line";
     sections_ = std::move(loaded);

@@ -46,6 +46,8 @@ public:
 
     using Sections = std::map<std::string, std::map<std::string, std::string>>;
     const Sections &sections() const { return sections_; }
+    // Every value replaced at once (the caller has checked storable()).
+    void replace(Sections sections) { sections_ = std::move(sections); }
     const std::string &file() const { return file_; }
 
 private:

@@ -9,6 +9,8 @@
 #include <hmisvc/binder.h>
 #include <hmisvc/records.h>
 
+#include "json_values.h"
+
 #include <cerrno>
 #include <cstdint>
 #include <functional>
@@ -107,13 +109,16 @@ void put(binder_io &reply, R record)
 
 // ---- methods ----
 
-using Handler = std::function<int(Request &in, binder_io &reply)>;
+// With a trace object, the handler adds the decoded arguments ("args") and
+// answer ("reply") to it.
+using Handler = std::function<int(Request &in, binder_io &reply, Json *trace)>;
 
 namespace detail {
 template <class F> struct signature : signature<decltype(&F::operator())> {};
 template <class C, class R, class S, class... A> struct signature<R (C::*)(S &, A...) const> {
     using result = R;
     using args = std::tuple<std::decay_t<A>...>;
+    static std::vector<const char *> arg_types() { return {type_name<std::decay_t<A>>()...}; }
 };
 template <class... A> std::tuple<A...> read_all(Request &in, std::tuple<A...> *)
 {
@@ -125,17 +130,22 @@ template <class... A> std::tuple<A...> read_all(Request &in, std::tuple<A...> *)
 // read and found well-formed. A void result answers the status word 0.
 template <class State, class F> Handler serve(State &state, F f)
 {
-    return [&state, f](Request &in, binder_io &reply) -> int {
+    return [&state, f](Request &in, binder_io &reply, Json *trace) -> int {
         using Sig = detail::signature<F>;
         auto args = detail::read_all(in, static_cast<typename Sig::args *>(nullptr));
         if (!in.complete())
             return kBadRequest;
+        if (trace)
+            std::apply([&](auto &...a) { (*trace)["args"] = Json::array({to_json_value(a)...}); }, args);
         auto call = [&](auto &...a) { return f(state, a...); };
         if constexpr (std::is_void_v<typename Sig::result>) {
             std::apply(call, args);
             put(reply, int32_t{0});
         } else {
-            put(reply, std::apply(call, args));
+            auto answer = std::apply(call, args);
+            if (trace)
+                (*trace)["reply"] = to_json_value(answer);
+            put(reply, answer);
         }
         return kOk;
     };

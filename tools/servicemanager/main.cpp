@@ -1,5 +1,6 @@
 // hmisvc-servicemanager: the binder context manager (handle 0), mapping
 // service names to the objects published under them.
+#include "looper.h"
 #include "service_registry.h"
 #include "svcmgr_handler.h"
 
@@ -33,7 +34,11 @@ int main(int argc, char **argv)
 
     hmisvc::tools::ServiceRegistry registry(bs);
     hmisvc::tools::SvcmgrHandler handler(registry, verbose ? stderr : nullptr);
-    binder_loop2(bs, &hmisvc::tools::SvcmgrHandler::serve, &handler);
+    hmisvc::tools::serve(
+        bs, [&](const binder_transaction_data &txn, binder_io &msg, binder_io &reply) {
+            return handler.handle(txn, msg, reply);
+        },
+        4096);
     // The loop returns only when the driver failed; it has said why.
     binder_close(bs);
     return 1;

@@ -154,11 +154,24 @@ TEST_F(SettingsFile, LoadReadsCommentsAndReportsTheBadLine)
     EXPECT_EQ(store.get("a", "x", ""), "2") << "the last of a repeated key holds";
     EXPECT_EQ(store.get("b", "y", ""), "yes");
 
-    write("[a]\nx=1\nnot a setting\n");
-    SettingsStore broken(path);
-    broken.set("keep", "me", "1");
-    EXPECT_EQ(broken.load(), path + ":3: not an INI line");
-    EXPECT_EQ(broken.get("keep", "me", ""), "1") << "a failed load keeps what was there";
+    // Refused whole, never read in part: a line the parser would split, a
+    // continued value, a path that is not a regular file.
+    const struct {
+        std::string text, error;
+    } refused[] = {
+        {"[a]\nx=1\nnot a setting\n", ":3: not an INI line"},
+        {"[a]\nx=" + std::string(300, 'v') + "tail=injected\n", ":2: line longer than 199 characters"},
+        {"[a]\nx=1\n  more\n", ":3: indented line (a continued value, which the settings file cannot hold)"},
+    };
+    for (const auto &c : refused) {
+        write(c.text);
+        SettingsStore broken(path);
+        broken.set("keep", "me", "1");
+        EXPECT_EQ(broken.load(), path + c.error);
+        EXPECT_EQ(broken.get("keep", "me", ""), "1") << "a failed load keeps what was there";
+    }
+    for (const char *odd : {"/dev/zero", "/tmp"})
+        EXPECT_EQ(SettingsStore(odd).load(), std::string(odd) + ": not a regular file");
 }
 
 TEST(SettingsStore, SaveFailsWithoutAWritableFile)

@@ -1,0 +1,102 @@
+#include "publisher.h"
+
+#include "looper.h"
+#include "svcmgr_client.h"
+
+#include <chrono>
+#include <cstdio>
+#include <vector>
+
+namespace hmisvc::tools {
+
+Publisher::Publisher(binder_connection *bs) : bs_(bs)
+{
+    record_.on_death = &Publisher::died;
+    record_.user = this;
+}
+
+Publisher::~Publisher()
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    if (thread_.joinable())
+        thread_.join();
+}
+
+int Publisher::publish(const std::string &name, void *object)
+{
+    int status = svcmgr_publish(bs_, SVCMGR_HANDLE, name.c_str(), object);
+    if (status == 0) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        names_[name] = object;
+    }
+    return status;
+}
+
+int Publisher::unpublish(const std::string &name, void *object)
+{
+    int status = svcmgr_unpublish(bs_, name.c_str(), object);
+    if (status == -1)
+        std::fprintf(stderr, "unpublish \"%s\": the service manager does not take unpublish requests\n",
+                     name.c_str());
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (status == 0 || status == 1)
+        names_.erase(name);  // 1: it was not there any more
+    return status == 1 ? 0 : status;
+}
+
+void Publisher::watch()
+{
+    tools::watch(bs_, SVCMGR_HANDLE, &record_);
+    if (!thread_.joinable())
+        thread_ = std::thread(&Publisher::run, this);
+}
+
+void Publisher::died(binder_connection *, void *self)
+{
+    auto *p = static_cast<Publisher *>(self);
+    {
+        std::lock_guard<std::mutex> lock(p->mutex_);
+        p->dead_ = true;
+    }
+    p->wake_.notify_all();
+}
+
+void Publisher::run()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        wake_.wait(lock, [this] { return dead_ || stopping_; });
+        if (stopping_)
+            return;
+        // Drop the reference on the dead manager, so that handle 0 names
+        // the next one when it is taken again.
+        binder_release(bs_, SVCMGR_HANDLE);
+        std::vector<std::pair<std::string, void *>> names(names_.begin(), names_.end());
+        lock.unlock();
+        auto start = std::chrono::steady_clock::now();
+        std::size_t done = 0;
+        while (done < names.size()) {
+            if (svcmgr_publish(bs_, SVCMGR_HANDLE, names[done].first.c_str(), names[done].second) == 0) {
+                ++done;
+                continue;
+            }
+            lock.lock();
+            bool stop = wake_.wait_for(lock, std::chrono::milliseconds(kRetryMs), [this] { return stopping_; });
+            lock.unlock();
+            if (stop)
+                return;
+        }
+        auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+        std::fprintf(stderr, "service manager restarted: %zu services published again after %lld ms\n",
+                     names.size(), static_cast<long long>(ms.count()));
+        lock.lock();
+        dead_ = false;
+        tools::watch(bs_, SVCMGR_HANDLE, &record_);
+    }
+}
+
+}  // namespace hmisvc::tools
