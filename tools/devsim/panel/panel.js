@@ -118,24 +118,25 @@ function renderState(doc) {
   signal($('net-level'), s.network.level);
   $('net-first').value = s.network.first;
   const e = s.ethernet.info;
-  dl($('eth'), [['address', e.text1], ['netmask', e.text2], ['gateway', e.text3], ['DNS', [e.text4, e.text5].filter(Boolean).join(', ')],
-    ['interface', e.text6], ['mode', e.kind === 1 ? 'DHCP' : 'static'], ['MAC', s.ethernet.mac]]);
+  dl($('eth'), [['address', e.address], ['netmask', e.netmask], ['gateway', e.gateway],
+    ['DNS', [e.dns1, e.dns2].filter(Boolean).join(', ')], ['interface', e.interface],
+    ['mode', e.dhcp ? 'DHCP' : 'static'], ['MAC', s.ethernet.mac]]);
 
   const w = s.wifi.current;
-  $('wifi-ssid').textContent = w.text1 || '—';
-  pill($('wifi-state'), w.text6 === 'connected', 'connected', s.wifi.present ? 'disconnected' : 'no Wi-Fi');
-  $('wifi-detail').textContent = w.text1 ? `${w.text2} · ${w.value} dBm · ${w.text5}` : '';
-  $('wifi-scan').replaceChildren(...s.wifi.scan.map((n) => el('tr', { class: n.text1 === s.wifi.connected ? 'joined' : '' },
-    el('td', {}, n.text1), el('td', { class: 'mono' }, n.text2), el('td', {}, n.text3), el('td', {}, `${n.value} dBm`),
-    el('td', {}, n.text4), el('td', {}, n.text1 === s.wifi.connected
+  $('wifi-ssid').textContent = w.ssid || '—';
+  pill($('wifi-state'), w.state === 'connected', 'connected', s.wifi.present ? 'disconnected' : 'no Wi-Fi');
+  $('wifi-detail').textContent = w.ssid ? `${w.address} · ${w.signal_dbm} dBm · ${w.bssid}` : '';
+  $('wifi-scan').replaceChildren(...s.wifi.scan.map((n) => el('tr', { class: n.ssid === s.wifi.connected ? 'joined' : '' },
+    el('td', {}, n.ssid), el('td', { class: 'mono' }, n.bssid), el('td', {}, n.security), el('td', {}, `${n.signal_dbm} dBm`),
+    el('td', {}, n.frequency_mhz), el('td', {}, n.ssid === s.wifi.connected
       ? el('button', { class: 'link', onclick: () => set('wifi.connected', '') }, 'disconnect')
-      : el('button', { class: 'link', onclick: () => set('wifi.connected', n.text1) }, 'join')))));
+      : el('button', { class: 'link', onclick: () => set('wifi.connected', n.ssid) }, 'join')))));
 
   const m = s.modem.info;
   pill($('modem-present'), s.modem.present, 'present', 'absent');
-  signal($('modem-level'), m.value);
-  dl($('modem'), [['operator', m.text1], ['state', m.text6], ['registered', m.kind === 1 ? 'yes' : 'no'],
-    ['address', m.text3], ['APN', m.text4], ['mode', m.text5], ['IMEI', m.text2], ['CCID', s.modem.ccid]]);
+  signal($('modem-level'), m.level);
+  dl($('modem'), [['operator', m.operator], ['state', m.state], ['registered', m.registered === 1 ? 'yes' : 'no'],
+    ['address', m.address], ['APN', m.apn], ['mode', m.mode], ['IMEI', m.imei], ['CCID', s.modem.ccid]]);
 
   const r = s.remote;
   $('remote-flags').replaceChildren(...[['VNC', r.vnc_running], ['frp', r.frp_running], ['VPN', r.vpn_running]]
@@ -218,11 +219,17 @@ function renderTree(s) {
       for (const [sec, keys] of Object.entries(fields))
         for (const [key, value] of Object.entries(keys)) leaves.push(leaf(`settings.${sec}.${key}`, value));
     } else {
+      // Objects open up to their fields; arrays are edited whole.
+      const walk = (path, value) => {
+        if (value && typeof value === 'object' && !Array.isArray(value))
+          for (const [k, v] of Object.entries(value)) walk(`${path}.${k}`, v);
+        else leaves.push(leaf(path, value));
+      };
       for (const [field, value] of Object.entries(fields))
         if (!['wifi.current', 'network.current', 'network.level', 'broadcast.endpoints'].includes(`${section}.${field}`))
-          leaves.push(leaf(`${section}.${field}`, value));
+          walk(`${section}.${field}`, value);
     }
-    return el('details', { open: true }, el('summary', {}, section), ...leaves);
+    return leaves.length ? el('details', { open: true }, el('summary', {}, section), ...leaves) : '';
   });
   $('state-tree').replaceChildren(...sections);
 }
@@ -278,7 +285,10 @@ function wire() {
   $('settings-form').addEventListener('submit', (e) => {
     e.preventDefault();
     const f = e.target.elements;
-    set(`settings.${f.section.value}.${f.key.value}`, f.value.value);
+    // A new section is set whole: a key path needs its section to exist.
+    if (state && !(f.section.value in state.settings))
+      set(`settings.${f.section.value}`, { [f.key.value]: f.value.value });
+    else set(`settings.${f.section.value}.${f.key.value}`, f.value.value);
   });
   const addExtra = () => $('extras').append(el('div', { class: 'row extra' },
     el('select', { name: 'type' }, el('option', { value: 'int' }, 'int'), el('option', { value: 'string' }, 'string')),
