@@ -140,13 +140,25 @@ struct PanelServer::Impl {
         wake.notify_all();
     }
 
+    // Whether a call may have changed what the page shows: queries change
+    // nothing, except a fault's count of calls.
+    bool may_change(const Json &call)
+    {
+        const Service *s = simulator.find(call.value("service", ""));
+        std::size_t code = call.value("code", std::size_t{0});
+        bool query = s && code < s->methods.size() && s->methods[code].query;
+        return !query || call.contains("status") || !simulator.faults().empty();
+    }
+
     void observed(const Json *call)
     {
+        bool dirty = !call || may_change(*call);
+        Json shown;
+        if (call)
+            shown = *call, shown["caller"] = program_of(shown.value("pid", 0));
         std::lock_guard<std::mutex> hold(mutex);
-        state_dirty = true;
+        state_dirty = state_dirty || dirty;
         if (call) {
-            Json shown = *call;
-            shown["caller"] = program_of(shown.value("pid", 0));
             calls.push_back(shown);
             if (calls.size() > kKeptCalls)
                 calls.pop_front();
