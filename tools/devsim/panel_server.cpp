@@ -352,8 +352,8 @@ std::string PanelServer::start(const HttpAddress &address)
     i.port = address.port ? (i.http.bind_to_port(address.host, address.port) ? address.port : -1)
                           : i.http.bind_to_any_port(address.host);
     if (i.port < 0)
-        return "cannot serve the panel on " + address.host + ":" + std::to_string(address.port) + ": " +
-               std::strerror(errno);
+        return "--http: cannot serve the panel on " + address.host + ":" + std::to_string(address.port) +
+               " (port in use, or not an address of this machine)";
     i.pusher = std::thread([&i] { i.run_pusher(); });
     i.serving = std::thread([&i] { i.http.listen_after_bind(); });
     return {};
