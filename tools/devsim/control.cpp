@@ -2,6 +2,8 @@
 
 #include "state.h"
 
+#include <hmisvc/broadcast.h>
+
 namespace hmisvc::devsim {
 
 namespace {
@@ -160,6 +162,20 @@ Result Control::unpublish(const std::string &name)
     if (publisher_.unpublish(s->name, const_cast<Service *>(s)) != 0)
         return {Result::kFailed, std::string("the service manager does not take unpublish requests")};
     return {Result::kDone, s->name};
+}
+
+Result Control::broadcast(const std::string &action, const std::map<std::string, int> &ints,
+                          const std::map<std::string, std::string> &strings)
+{
+    if (action.empty())
+        return refused("a broadcast needs an action");
+    Intent intent(action);
+    for (const auto &[key, value] : ints)
+        intent.putExtra(key, value);
+    for (const auto &[key, value] : strings)
+        intent.putExtra(key, value);
+    device_.broadcasts.send(intent.toString());
+    return {Result::kDone, std::to_string(device_.broadcasts.endpoints()) + " endpoint(s)"};
 }
 
 }  // namespace hmisvc::devsim

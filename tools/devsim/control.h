@@ -13,6 +13,7 @@
 #include "publisher.h"
 #include "services.h"
 
+#include <map>
 #include <string>
 
 namespace hmisvc::devsim {
@@ -48,6 +49,10 @@ public:
     Result heal(const std::string &service);
     Result publish(const std::string &service);
     Result unpublish(const std::string &service);
+    // Sends an intent to every registered endpoint, as an application's
+    // SendBroadcast does.
+    Result broadcast(const std::string &action, const std::map<std::string, int> &ints,
+                     const std::map<std::string, std::string> &strings);
 
     // The control service's method table, in code order: dump, set, fail,
     // heal, publish, unpublish, load_state.

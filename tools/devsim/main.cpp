@@ -2,6 +2,9 @@
 // HMI application can run against the library without the device.
 #include "control.h"
 #include "looper.h"
+#ifdef HMISVC_PANEL
+#include "panel_server.h"
+#endif
 #include "publisher.h"
 #include "services.h"
 #include "state.h"
@@ -12,6 +15,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -43,6 +47,7 @@ int main(int argc, char **argv)
     CLI::App app{"Simulates the device's system services over the binder driver."};
     std::string settings_file, record_file, trace_file, state_file;
     std::vector<std::string> only;
+    std::string http;
     bool verbose = false;
     app.add_option("--settings", settings_file, "INI file the settings are loaded from and saved to");
     app.add_option("--state", state_file, "Start from this state (JSON, as `hmisvc sim dump` prints it)");
@@ -53,7 +58,21 @@ int main(int argc, char **argv)
                    "duration in us) to FILE, or to standard error for -");
     app.add_option("--services", only, "Publish only these services (comma-separated)")->delimiter(',');
     app.add_flag("-v,--verbose", verbose, "Same as --trace -");
+    app.add_option("--http", http,
+                   "Serve the browser panel on [ADDR:]PORT (address 127.0.0.1 unless given; port 0 picks one)");
     CLI11_PARSE(app, argc, argv);
+#ifdef HMISVC_PANEL
+    hmisvc::devsim::HttpAddress http_address;
+    if (std::string why; !http.empty() && !hmisvc::devsim::HttpAddress::parse(http, http_address, why)) {
+        std::fprintf(stderr, "hmisvc-devsim: %s\n", why.c_str());
+        return 2;
+    }
+#else
+    if (!http.empty()) {
+        std::fprintf(stderr, "hmisvc-devsim: --http: this build has no browser panel (built without cpp-httplib)\n");
+        return 2;
+    }
+#endif
 
     hmisvc::devsim::Device device(settings_file);
     if (std::string err = device.settings.load(); !err.empty())
@@ -98,6 +117,20 @@ int main(int argc, char **argv)
     Control control(device, simulator, publisher);
     simulator.add_extra(&control.service());
     device.broadcasts.attach(bs);
+
+#ifdef HMISVC_PANEL
+    std::unique_ptr<hmisvc::devsim::PanelServer> panel;
+    if (!http.empty()) {
+        panel = std::make_unique<hmisvc::devsim::PanelServer>(control, simulator, publisher);
+        if (std::string err = panel->start(http_address); !err.empty())
+            return fail(err);
+        std::string shown = http_address.host == "0.0.0.0" || http_address.host == "::" ? "127.0.0.1"
+                            : http_address.host.find(':') != std::string::npos ? "[" + http_address.host + "]"
+                                                                               : http_address.host;
+        std::printf("hmisvc-devsim: panel at http://%s:%d/#token=%s\n", shown.c_str(), panel->port(),
+                    panel->token().c_str());
+    }
+#endif
 
     published.push_back(&control.service());
     for (const Service *s : published)

@@ -254,6 +254,15 @@ bool Simulator::heal(const Service &service)
     return faults_.erase(&service) != 0;
 }
 
+std::map<std::string, Fault> Simulator::faults()
+{
+    std::lock_guard<std::mutex> hold(mutex_);
+    std::map<std::string, Fault> out;
+    for (const auto &[service, fault] : faults_)
+        out[service->name] = fault;
+    return out;
+}
+
 bool Simulator::take_fault(const Service *service, Fault &fault)
 {
     auto it = faults_.find(service);
@@ -285,7 +294,11 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
     if (service && service == extra_) {
         Request in(msg);
         int status = method ? method->run(in, reply, nullptr) : int{kUnknownMethod};
-        return status == kOk && (reply.flags & BIO_FLAG_OVERFLOW) ? int{kReplyTooLarge} : status;
+        if (status == kOk && (reply.flags & BIO_FLAG_OVERFLOW))
+            status = kReplyTooLarge;
+        if (observer_)
+            observer_(nullptr);
+        return status;
     }
 
     std::unique_lock<std::mutex> hold(mutex_);
@@ -308,14 +321,14 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
         why = "failure injected";
     } else if (method) {
         Request in(msg);
-        status = method->run(in, reply, trace_ ? &trace : nullptr);
+        status = method->run(in, reply, trace_ || observer_ ? &trace : nullptr);
         why = in.error();
         if (status == kOk && (reply.flags & BIO_FLAG_OVERFLOW)) {
             status = kReplyTooLarge;
             why = "answer does not fit the reply";
         }
     }
-    if (trace_) {
+    if (trace_ || observer_) {
         Json line = {{"time", seconds_since_epoch()},
                      {"pid", txn.sender_pid},
                      {"service", service_name},
@@ -332,7 +345,12 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
             line["error"] = why ? why : "?";
         }
         line["us"] = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count();
-        trace_writer_->add(line.dump());
+        if (trace_writer_)
+            trace_writer_->add(line.dump());
+        if (observer_) {
+            hold.unlock();
+            observer_(&line);
+        }
     }
     return status;
 }

@@ -11,6 +11,7 @@
 #include <hmisvc/binder.h>
 
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -95,6 +96,15 @@ public:
     void fail(const Service &service, Fault fault);
     bool heal(const Service &service);
 
+    // Called after each call to a device service with its trace record, and
+    // with null after each request to the extra service (which may have
+    // changed anything); on the serving thread, outside the lock. Set it
+    // before serving starts.
+    using Observer = std::function<void(const Json *call)>;
+    void observe(Observer observer) { observer_ = std::move(observer); }
+    // The faults in force, by service name.
+    std::map<std::string, Fault> faults();
+
     // Held while the device's state is read or changed.
     std::mutex &lock() { return mutex_; }
 
@@ -111,6 +121,7 @@ private:
     std::unique_ptr<TraceWriter> trace_writer_;
     std::mutex mutex_;
     std::map<const Service *, Fault> faults_;
+    Observer observer_;
 };
 
 }  // namespace hmisvc::devsim
