@@ -48,6 +48,12 @@ int Publisher::unpublish(const std::string &name, void *object)
     return status == 1 ? 0 : status;
 }
 
+bool Publisher::published(const std::string &name) const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return names_.count(name) != 0;
+}
+
 void Publisher::watch()
 {
     tools::watch(bs_, SVCMGR_HANDLE, &record_);

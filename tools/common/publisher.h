@@ -27,6 +27,8 @@ public:
     int publish(const std::string &name, void *object);
     // 0 when dropped; otherwise a message says why on standard error.
     int unpublish(const std::string &name, void *object);
+    // Whether `name` is among the names kept published.
+    bool published(const std::string &name) const;
 
     // Starts watching the service manager; call once the first services
     // are published.
