@@ -58,24 +58,26 @@ find_program(HMISVC_HELP2MAN help2man)
 function(hmisvc_add_man_page name program what)
   if(NOT TARGET ${program} AND NOT EXISTS ${program})
     return()
-  elseif(CMAKE_CROSSCOMPILING AND NOT CMAKE_CROSSCOMPILING_EMULATOR)
+  elseif(TARGET ${program} AND CMAKE_CROSSCOMPILING AND NOT CMAKE_CROSSCOMPILING_EMULATOR)
     message(STATUS "man page ${name}.1 skipped: a cross build without an emulator")
     return()
   elseif(NOT HMISVC_HELP2MAN)
     message(STATUS "man page ${name}.1 skipped: needs help2man")
     return()
   endif()
+  # A script runs as it is; a program of a cross build under its emulator.
   set(run ${program})
+  set(emulator)
   if(TARGET ${program})
     set(run $<TARGET_FILE:${program}>)
     set(depends ${program})
+    string(REPLACE ";" " " emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
   endif()
   # help2man takes the program's name from the file it runs.
   set(dir ${PROJECT_BINARY_DIR}/man)
   file(GENERATE OUTPUT ${dir}/bin/${name}
-    CONTENT "#!/bin/sh\nexec ${CMAKE_CROSSCOMPILING_EMULATOR} ${run} \"$@\"\n"
+    CONTENT "#!/bin/sh\nexec ${emulator} ${run} \"$@\"\n"
     FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-  string(REPLACE ";" " " emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
   add_custom_command(OUTPUT ${dir}/${name}.1.gz
     COMMAND ${HMISVC_HELP2MAN} --no-info --no-discard-stderr --section=1
             --version-string=${PROJECT_VERSION} --name=${what} --output=${dir}/${name}.1 ${dir}/bin/${name}
@@ -168,6 +170,8 @@ foreach(component runtime dev tools)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${_hmisvc_changelog}
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${_c}_PACKAGE_NAME} COMPONENT ${component})
 endforeach()
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/hmisvc-tools.lintian-overrides
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME hmisvc-tools COMPONENT tools)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/hmisvc.bash-completion
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME hmisvc COMPONENT tools)
 
