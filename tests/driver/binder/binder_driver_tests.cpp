@@ -113,17 +113,10 @@ protected:
     Connection bs{binder_open(MAP_SIZE)};
 };
 
-TEST_F(BinderDriver, LookupFindsWhatAnotherProcessPublished)
-{
-    auto [service, handle] = serve("drv.lookup");
-    ASSERT_NE(handle, 0u);
-    EXPECT_EQ(call_word(bs.get(), handle, peer::ECHO_PID), service->pid());
-    EXPECT_EQ(lookup("drv.unknown"), 0u);
-}
-
 // Each reply occupies the caller's mapping until binder_done gives it back:
-// a 1024-byte mapping serves any number of calls that do so (here several
-// times what it holds), and at most a page's worth that do not.
+// a 1024-byte mapping (the kernel maps a page: room for 1024 one-word replies
+// on a 32-bit kernel, 512 on a 64-bit one) serves any number of calls that do
+// so, here several times what it holds.
 TEST_F(BinderDriver, RepliesGivenBackKeepASmallMappingUsable)
 {
     Connection small(binder_open(1024));
@@ -140,29 +133,6 @@ TEST_F(BinderDriver, RepliesGivenBackKeepASmallMappingUsable)
         ASSERT_EQ(bio_get_uint32(&reply), i + 1) << "call " << i;
         binder_done(small.get(), &msg, &reply);
     }
-
-    // The same without giving replies back fills the mapping. The failed
-    // reply also ends that service's loop, hence a service of its own.
-    Connection filled(binder_open(1024));
-    ASSERT_NE(filled, nullptr);
-    auto [hoarder, hoard] = ::serve("drv.hoard", filled.get());
-    ASSERT_NE(hoard, 0u);
-    // The kernel maps a whole page and pads each buffer to its own pointer
-    // size: a 32-bit kernel holds 1024 one-word replies, a 64-bit one 512.
-    constexpr int tries = 4096;
-    int calls = 0;
-    for (; calls < tries; ++calls) {
-        char area[64];
-        binder_io msg, reply;
-        bio_init(&msg, area, sizeof area, 4);
-        bio_put_uint32(&msg, 1);
-        if (binder_call(filled.get(), &msg, &reply, hoard, peer::ECHO_ADD1) != 0) {
-            EXPECT_EQ(reply.flags, BIO_FLAG_IO_ERROR);
-            break;
-        }
-    }
-    EXPECT_GT(calls, 0);
-    EXPECT_LT(calls, tries);
 }
 
 // The longest service name a request buffer holds: its data area (the
@@ -311,7 +281,6 @@ INSTANTIATE_TEST_SUITE_P(
     Refused, MalformedRequest,
     ::testing::Values(
         MalformedCase{"LookupHeaderWord", {LOOKUP, 1, IFACE, "drv.x", nullptr, 3}},
-        MalformedCase{"PublishHeaderWord", {PUBLISH, 0x100, IFACE, "drv.x", nullptr, 4}},
         MalformedCase{"LookupInterface",
                       {LOOKUP, 0, "android.os.IServiceManagex", "drv.x", nullptr, 3}},
         MalformedCase{"PublishInterface", {PUBLISH, 0, "IServiceManager", "drv.x", nullptr, 4}},
