@@ -34,7 +34,7 @@ Control::Control(Device &device, Simulator &simulator, tools::Publisher &publish
 {
     using S = std::string;
     auto on = [this](const char *name, auto f) {
-        return Method{name, serve(*this, f), detail::signature<decltype(f)>::arg_types()};
+        return Method{name, serve(*this, f), detail::signature<decltype(f)>::arg_types(), false, nullptr, {}};
     };
     service_ = {kServiceName,
                 {on("dump", [](Control &c) { return c.dump(); }),
