@@ -104,6 +104,7 @@ int snapshot(const Questions &questions, const std::vector<Service> &services, J
     for (const Service &s : services) {
         uint32_t handle = svcmgr_lookup(bs, SVCMGR_HANDLE, s.name);
         if (!handle) {
+            std::cerr << "hmisvc: " << s.name << " is not registered: recorded as absent" << std::endl;
             state["services"][s.name] = "absent";
             continue;
         }
@@ -115,8 +116,10 @@ int snapshot(const Questions &questions, const std::vector<Service> &services, J
                 continue;
             for (const Json &args : questions.of(m)) {
                 Json answer;
-                if ((failed = !ask(bs, handle, code, m, args, answer)))
+                if ((failed = !ask(bs, handle, code, m, args, answer))) {
+                    std::cerr << "hmisvc: " << s.name << ": " << m.name << " failed: recorded as failed" << std::endl;
                     break;
+                }
                 m.keep(kept, args, answer);
             }
         }

@@ -120,7 +120,12 @@ template <class T> T take(binder_io &reply)
     } else if constexpr (std::is_integral_v<T>) {
         return static_cast<T>(static_cast<int32_t>(bio_get_uint32(&reply)));
     } else if constexpr (std::is_same_v<T, std::vector<WifiList>>) {
-        std::vector<WifiList> list(bio_get_uint32(&reply) & 0xffff);
+        uint32_t count = bio_get_uint32(&reply);
+        if (count > reply.data_left / 4) {  // more entries than words left: not a list
+            reply.flags |= BIO_FLAG_OVERFLOW;
+            return {};
+        }
+        std::vector<WifiList> list(count);
         for (WifiList &entry : list)
             entry = take<WifiList>(reply);
         return list;
