@@ -108,7 +108,7 @@ void put(binder_io &reply, R record)
 }
 
 // Reads an answer back out of a reply, as a caller does; the reply's
-// overflow flag says whether it was there whole.
+// overflow flag is set when it was not there whole or does not decode.
 template <class T> T take(binder_io &reply)
 {
     if constexpr (std::is_same_v<T, std::string>) {
@@ -133,8 +133,12 @@ template <class T> T take(binder_io &reply)
         uint32_t len = 0;
         const void *p = bio_get_mem(&reply, &len);
         T r{};
-        if (p && !(reply.flags & BIO_FLAG_OVERFLOW))
-            r.fromString(std::string(static_cast<const char *>(p), len));
+        try {
+            if (p && !(reply.flags & BIO_FLAG_OVERFLOW))
+                r.fromString(std::string(static_cast<const char *>(p), len));
+        } catch (const std::exception &) {  // a block that is not this record
+            reply.flags |= BIO_FLAG_OVERFLOW;
+        }
         return r;
     }
 }
