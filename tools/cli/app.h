@@ -24,6 +24,7 @@ using AddCommands = void (*)(CLI::App &app, Session &session);
 void addServiceCommands(CLI::App &app, Session &session); // the proxy table
 void addBroadcastCommands(CLI::App &app, Session &session);
 void addPlayCommand(CLI::App &app, Session &session);
+void addSnapshotCommand(CLI::App &app, Session &session); // needs the simulator's library
 
 // "" when `text` is a whole number within [min, max], else what is wrong
 // with it (the range included).

@@ -15,6 +15,9 @@ const cli::AddCommands kGroups[] = {
     cli::addBroadcastCommands,
     cli::addPlayCommand,
     cli::addSimCommands,
+#ifdef HMISVC_SNAPSHOT
+    cli::addSnapshotCommand,
+#endif
 };
 
 const char kFooter[] =

@@ -34,7 +34,7 @@ Control::Control(Device &device, Simulator &simulator, tools::Publisher &publish
 {
     using S = std::string;
     auto on = [this](const char *name, auto f) {
-        return Method{name, serve(*this, f), detail::signature<decltype(f)>::arg_types()};
+        return Method{name, serve(*this, f), detail::signature<decltype(f)>::arg_types(), false, nullptr, {}};
     };
     service_ = {kServiceName,
                 {on("dump", [](Control &c) { return c.dump(); }),
@@ -96,12 +96,23 @@ Result Control::load_state(const std::string &json)
     Json parsed = Json::parse(json, nullptr, false);
     if (parsed.is_discarded())
         return refused("state is not JSON");
-    std::lock_guard<std::mutex> hold(simulator_.lock());
-    try {
-        StateJson::load(device_, parsed);
-    } catch (const JsonError &e) {
-        return refused(e.what());
+    std::map<std::string, std::string> services;
+    {
+        std::lock_guard<std::mutex> hold(simulator_.lock());
+        try {
+            std::vector<std::string> names;
+            for (const Service &s : simulator_.services())
+                names.push_back(s.name);
+            services = StateJson::service_states(parsed, names);
+            StateJson::load(device_, parsed);
+        } catch (const JsonError &e) {
+            return refused(e.what());
+        }
     }
+    // Absent and failing services, as a snapshot records them.
+    for (const auto &[name, how] : services)
+        if (Result r = how == "absent" ? unpublish(name) : fail(name, Fault{}); r.code != Result::kDone)
+            return r;
     return {};
 }
 

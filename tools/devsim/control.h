@@ -41,7 +41,8 @@ public:
     // "settings.SECTION.KEY"); VALUE is JSON, or else taken as a string.
     // The next call of any application sees the change.
     Result set(const std::string &key, const std::string &value);
-    // A whole or partial state document, as --state reads it.
+    // A whole or partial state document, as --state reads it; its
+    // "services" section unpublishes and fails services as it says.
     Result load_state(const std::string &json);
     // SERVICE is a name of the method table (or the name of one of its
     // methods, for the service that has it).

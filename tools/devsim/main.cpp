@@ -77,13 +77,14 @@ int main(int argc, char **argv)
     hmisvc::devsim::Device device(settings_file);
     if (std::string err = device.settings.load(); !err.empty())
         return fail(err);
+    Json state;
     if (!state_file.empty()) {
         std::ifstream in(state_file);
         std::stringstream text;
         text << in.rdbuf();
         if (!in)
             return fail(state_file + ": cannot read");
-        Json state = Json::parse(text.str(), nullptr, false);
+        state = Json::parse(text.str(), nullptr, false);
         if (state.is_discarded())
             return fail(state_file + ": not JSON");
         try {
@@ -102,10 +103,22 @@ int main(int argc, char **argv)
         return fail(trace_file + ": " + std::strerror(errno));
     Simulator simulator(device, record, trace);
 
+    std::map<std::string, std::string> states;
+    try {
+        std::vector<std::string> names;
+        for (const Service &s : simulator.services())
+            names.push_back(s.name);
+        states = hmisvc::devsim::StateJson::service_states(state, names);
+    } catch (const hmisvc::devsim::JsonError &e) {
+        return fail(state_file + ": " + e.what());
+    }
     std::vector<const Service *> published;
-    for (const Service &s : simulator.services())
-        if (only.empty() || std::find(only.begin(), only.end(), s.name) != only.end())
+    for (const Service &s : simulator.services()) {
+        if (states[s.name] == "failed")
+            simulator.fail(s, {});
+        if ((only.empty() || std::find(only.begin(), only.end(), s.name) != only.end()) && states[s.name] != "absent")
             published.push_back(&s);
+    }
     for (const std::string &name : only)
         if (!simulator.find(name))
             return fail("no service named \"" + name + "\"");

@@ -17,15 +17,29 @@ template <class State> struct On {
     State &state;
     template <class F> Method operator()(const char *name, F f, bool query = false) const
     {
-        return {name, serve(state, f), detail::signature<F>::arg_types(), query};
+        return {name, serve(state, f), detail::signature<F>::arg_types(), query, nullptr, {}};
     }
-    // A method that only answers.
-    template <class F> Method get(const char *name, F f) const { return (*this)(name, f, true); }
+    // A method that only answers; `keep` puts its answer into the state.
+    template <class F> Method get(const char *name, F f, Keep keep) const
+    {
+        Method m = (*this)(name, f, true);
+        m.answer = &answer_json<typename detail::signature<F>::result>;
+        m.keep = std::move(keep);
+        return m;
+    }
 };
 template <class State> On(State &) -> On<State>;
 
+// The answer is the value at SECTION.FIELD.
+Keep at(const char *section, const char *field)
+{
+    return [=](Json &state, const Json &, const Json &answer) { state[section][field] = answer; };
+}
+// The answer follows from what other queries keep.
+const Keep kDerived;
+
 // A code the proxy class numbers but never sends.
-const Method kUnused{"(unused)", nullptr, {}};
+const Method kUnused{"(unused)", nullptr, {}, false, nullptr, {}};
 
 using Text = std::string;
 
@@ -56,40 +70,51 @@ std::vector<Service> make_services(Device &d)
 
     return {
         {"settings",
-         {settings.get("GetValue", [](S &s, Text sec, Text key, Text dflt) { return s.get(sec, key, dflt); }),
+         {settings.get("GetValue", [](S &s, Text sec, Text key, Text dflt) { return s.get(sec, key, dflt); },
+                       // Asked with the default "": an empty answer is a key not set.
+                       [](Json &state, const Json &args, const Json &answer) {
+                           if (answer != "")
+                               state["settings"][args[0].get<Text>()][args[1].get<Text>()] = answer;
+                       }),
           settings.get("GetLongValue",
-                   [](S &s, Text sec, Text key, int32_t dflt) { return s.get_long(sec, key, dflt); }),
+                   [](S &s, Text sec, Text key, int32_t dflt) { return s.get_long(sec, key, dflt); }, kDerived),
           settings("SetValue", [](S &s, Text sec, Text key, Text v) { return s.set(sec, key, v); }),
           settings("SetLongValue", [](S &s, Text sec, Text key, int32_t v) { return s.set_long(sec, key, v); }),
           settings("Delete", [](S &s, Text sec, Text key) { return s.remove(sec, key); }),
           settings("SaveFile", [](S &s) { return s.save(); })}},
         {"backlight",
-         {backlight.get("GetBrightness", [](Backlight &b) { return b.level(); }),
-          backlight.get("GetMaxBrightness", [](Backlight &b) { return b.max(); }),
+         {backlight.get("GetBrightness", [](Backlight &b) { return b.level(); }, at("backlight", "brightness")),
+          backlight.get("GetMaxBrightness", [](Backlight &b) { return b.max(); }, at("backlight", "max")),
           backlight("SetBrightness", [](Backlight &b, int32_t level) { return b.set(level); }),
           backlight("SetBrightnessToMax", [](Backlight &b) { return b.set_to_max(); }),
           backlight("Lock", [](Backlight &b, int32_t value) { b.lock(value); }),
           backlight("Unlock", [](Backlight &b) { b.unlock(); })}},
         {"ethinfo",
-         {net.get("GetEthinfo", [](N &n) { return n.ethernet(); }),
+         {net.get("GetEthinfo", [](N &n) { return n.ethernet(); }, at("ethernet", "info")),
           net("SetEthinfo", [](N &n, NetInfo info) { n.set_ethernet(info); }),
-          net.get("GetEthMac", [](N &n) { return n.ethernet_mac(); })}},
+          net.get("GetEthMac", [](N &n) { return n.ethernet_mac(); }, at("ethernet", "mac"))}},
         {"4ginfo",
-         {net.get("Get4ginfo", [](N &n) { return n.modem(); }),
-          net.get("GetIs4G", [](N &n) { return n.has_modem(); }),
-          net.get("Get4GCcid", [](N &n) { return n.ccid(); })}},
+         {net.get("Get4ginfo", [](N &n) { return n.modem(); }, at("modem", "info")),
+          net.get("GetIs4G", [](N &n) { return n.has_modem(); }, at("modem", "present")),
+          net.get("Get4GCcid", [](N &n) { return n.ccid(); }, at("modem", "ccid"))}},
         {"wifiinfo",
-         {net.get("GetWifiinfo", [](N &n) { return n.wifi(); }),
+         {net.get("GetWifiinfo", [](N &n) { return n.wifi(); },
+                  // The rest of the answer comes from the joined network's scan entry.
+                  [](Json &state, const Json &, const Json &answer) {
+                      state["wifi"]["connected"] = answer["state"] == "connected" ? answer["ssid"] : Json("");
+                  }),
           net("SetWifiConnection",
               [](N &n, Text ssid, Text password, int32_t option) { return n.connect(ssid, password, option); }),
-          net.get("GetWifilist", [](N &n) { return n.scan(); }),
-          net.get("GetIsWifi", [](N &n) { return n.has_wifi(); }),
+          net.get("GetWifilist", [](N &n) { return n.scan(); }, at("wifi", "scan")),
+          net.get("GetIsWifi", [](N &n) { return n.has_wifi(); }, at("wifi", "present")),
           net("DisconnectCurrentWifi", [](N &n) { return n.disconnect(); }),
-          net.get("GetWifiMac", [](N &n) { return n.wifi_mac(); })}},
+          net.get("GetWifiMac", [](N &n) { return n.wifi_mac(); }, at("wifi", "mac"))}},
         {"netchanage",
-         {net.get("GetCurrentNet", [](N &n) { return n.current(); }),
+         {net.get("GetCurrentNet", [](N &n) { return n.current(); },
+                  // The network in use: preferring it makes it current again.
+                  at("network", "first")),
           net("SetFirstNet", [](N &n, int32_t first) { n.set_first(first); }),
-          net.get("GetNetLevel", [](N &n) { return n.level(); })}},
+          net.get("GetNetLevel", [](N &n) { return n.level(); }, kDerived)}},
         {"vncfrpvpn",
          {remote("Vnc_Restart", [](R &r, int32_t mode) { r.vnc = true, r.vnc_mode = mode; }),
           remote("Set_Vnc_Passwd", [](R &r, Text password) { r.vnc_password = password; }),
@@ -98,36 +123,53 @@ std::vector<Service> make_services(Device &d)
           remote("Vnc_Close", [](R &r) { r.vnc = false; }),
           remote("Vpn_Restart", [](R &r, int32_t mode) { r.vpn = true, r.vpn_mode = mode; }),
           remote("Set_Vpn_Range", [](R &r, Text a, Text b, Text c, Text e) { r.vpn_range = {a, b, c, e}; }),
-          remote.get("Get_Vnc_Flag", [](R &r) { return r.flags(); })}},
+          remote.get("Get_Vnc_Flag", [](R &r) { return r.flags(); },
+                     [](Json &state, const Json &, const Json &answer) {
+                         int32_t flags = answer.get<int32_t>();
+                         state["remote"]["vnc_running"] = (flags & R::kVnc) != 0;
+                         state["remote"]["frp_running"] = (flags & R::kFrp) != 0;
+                         state["remote"]["vpn_running"] = (flags & R::kVpn) != 0;
+                     })}},
         {"date",
-         {clock.get("GetTime", [](Clock &c) { return c.now(); }),
+         {clock.get("GetTime", [](Clock &c) { return c.now(); },
+                    // Kept as the offset from this host's clock, as setting it would.
+                    [](Json &state, const Json &, const Json &answer) {
+                        Date date;
+                        from_json_value(answer, date, "GetTime");
+                        if (Clock clock; clock.set(date))
+                            state["date"]["offset_ms"] = clock.offset().count();
+                    }),
           // An invalid date changes nothing; the reply is not read anyway.
           clock("SetTime", [](Clock &c, Date date) { c.set(date); }),
           clock("SetModifiable", [](Clock &c, bool on) { c.set_modifiable(on); }),
-          clock.get("Modifiable", [](Clock &c) { return c.modifiable(); })}},
+          clock.get("Modifiable", [](Clock &c) { return c.modifiable(); }, at("date", "modifiable"))}},
         {"vpn",
          {vpn("Start", [](Vpn &v, int32_t value) { v.running = true, v.value = value; }),
           vpn("Stop", [](Vpn &v, int32_t value) { v.running = false, v.value = value; })}},
         {"system",
-         {sys.get("GetUDiskRoot", [](SystemInfo &s) { return s.udisk_root; }),
+         {sys.get("GetUDiskRoot", [](SystemInfo &s) { return s.udisk_root; }, at("system", "udisk_root")),
           // UDiskMounted is answered inside the proxy.
           kUnused,
           sys("UmountUDisk", [](SystemInfo &s) { return std::exchange(s.udisk_mounted, false); }),
-          sys.get("GetStorageFreeSpace", [](SystemInfo &s) { return s.storage_free_kib(); }),
-          sys.get("GetRamFreeSpace", [](SystemInfo &s) { return s.ram_free_kib(); }),
-          sys.get("GetDeviceID", [](SystemInfo &s) { return s.device_id; }),
-          sys.get("GetDeviceType", [](SystemInfo &s) { return s.device_type; }),
-          sys.get("GetDeviceSeries", [](SystemInfo &s) { return s.device_series; }),
-          sys.get("GetDeviceModel", [](SystemInfo &s) { return s.device_model; }),
-          sys.get("GetHmiName", [](SystemInfo &s) { return s.hmi_name; }),
-          sys.get("GetVersion", [](SystemInfo &s, Text component) { return s.version(component); }),
+          sys.get("GetStorageFreeSpace", [](SystemInfo &s) { return s.storage_free_kib(); }, at("system", "storage_free_kib")),
+          sys.get("GetRamFreeSpace", [](SystemInfo &s) { return s.ram_free_kib(); }, at("system", "ram_free_kib")),
+          sys.get("GetDeviceID", [](SystemInfo &s) { return s.device_id; }, at("system", "device_id")),
+          sys.get("GetDeviceType", [](SystemInfo &s) { return s.device_type; }, at("system", "device_type")),
+          sys.get("GetDeviceSeries", [](SystemInfo &s) { return s.device_series; }, at("system", "device_series")),
+          sys.get("GetDeviceModel", [](SystemInfo &s) { return s.device_model; }, at("system", "device_model")),
+          sys.get("GetHmiName", [](SystemInfo &s) { return s.hmi_name; }, at("system", "hmi_name")),
+          sys.get("GetVersion", [](SystemInfo &s, Text component) { return s.version(component); },
+                  [](Json &state, const Json &args, const Json &answer) {
+                      if (answer != "")
+                          state["system"]["versions"][args[0].get<Text>()] = answer;
+                  }),
           sys("ShowSettings", [](SystemInfo &s, bool show) { s.settings_shown = show; }),
           sys("Reboot",
               [](SystemInfo &s) {
                   ++s.reboots;
                   std::fprintf(stderr, "hmisvc-devsim: reboot requested (simulated: nothing happens)\n");
               }),
-          sys.get("IsSettingsShown", [](SystemInfo &s) { return s.settings_shown; })}},
+          sys.get("IsSettingsShown", [](SystemInfo &s) { return s.settings_shown; }, at("system", "settings_shown"))}},
         {"beep", {beep("Beep", [](Beeper &b, int32_t x, int32_t y) { ++b.beeps, b.last[0] = x, b.last[1] = y; })}},
         {"broadcast",
          {On{d.broadcasts}("RegisterBroadcastService",
@@ -144,7 +186,10 @@ std::vector<Service> make_services(Device &d)
                put(reply, int32_t{0});
                return int{kOk};
            },
-           {"Intent"}}}},
+           {"Intent"},
+           false,
+           nullptr,
+           {}}}},
     };
 }
 

@@ -34,14 +34,23 @@ struct Device {
     BroadcastHub broadcasts;
 };
 
+// Puts a query's answer (to these arguments) where the state document keeps
+// what it comes from, so that a simulator started from the document answers
+// the same.
+using Keep = std::function<void(Json &state, const Json &args, const Json &answer)>;
+
 // One remote method: its name, its argument types in request order, and
 // whether it is a query (answers without changing anything), which a
-// snapshot of the device may call freely.
+// snapshot of the device may call freely. A query also says how its answer
+// is read from a reply and kept in the state (no keep: the answer follows
+// from other queries' answers).
 struct Method {
     const char *name;
     Handler run;  // empty for a code the service does not use
     std::vector<const char *> arg_types;
     bool query = false;
+    Json (*answer)(binder_io &reply) = nullptr;
+    Keep keep;
 };
 
 // Its address is the binder object published under its name.

@@ -105,7 +105,7 @@ void StateJson::load(Device &device, const Json &state)
     });
     // What a dump shows but a state does not hold is accepted unchanged.
     for (auto s = state.begin(); s != state.end(); ++s) {
-        if (s.key() == "broadcast")
+        if (s.key() == "broadcast" || s.key() == "services")
             continue;
         if (!seen.contains(s.key()))
             throw JsonError(s.key() + ": no such section");
@@ -141,6 +141,23 @@ void StateJson::load(Device &device, const Json &state)
     device.remote = std::move(p.remote);
     device.vpn = p.vpn;
     device.beeper = p.beeper;
+}
+
+std::map<std::string, std::string> StateJson::service_states(const Json &state,
+                                                            const std::vector<std::string> &names)
+{
+    std::map<std::string, std::string> out;
+    auto s = state.is_object() ? state.find("services") : state.end();
+    if (s == state.end())
+        return out;
+    from_json_value(*s, out, "services");
+    for (const auto &[name, how] : out) {
+        if (std::find(names.begin(), names.end(), name) == names.end())
+            throw JsonError("services." + name + ": no such service");
+        if (how != "absent" && how != "failed")
+            throw JsonError("services." + name + ": expected \"absent\" or \"failed\", got \"" + how + "\"");
+    }
+    return out;
 }
 
 }  // namespace hmisvc::devsim

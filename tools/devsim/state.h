@@ -6,6 +6,10 @@
 
 #include "json_values.h"
 
+#include <map>
+#include <string>
+#include <vector>
+
 namespace hmisvc::devsim {
 
 struct Device;
@@ -16,6 +20,11 @@ struct StateJson {
     // fields, consistency) before any value changes; JsonError says where
     // it went wrong. Fields left out keep their values.
     static void load(Device &device, const Json &state);
+    // The "services" section (as a snapshot writes it): service name to
+    // "absent" (not published) or "failed" (its calls fail); checked against
+    // `names`. The simulator applies it when it starts.
+    static std::map<std::string, std::string> service_states(const Json &state,
+                                                             const std::vector<std::string> &names);
 
 private:
     struct Parts;

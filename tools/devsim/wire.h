@@ -107,6 +107,43 @@ void put(binder_io &reply, R record)
     bio_put_mem(&reply, bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
 
+// Reads an answer back out of a reply, as a caller does; the reply's
+// overflow flag is set when it was not there whole or does not decode.
+template <class T> T take(binder_io &reply)
+{
+    if constexpr (std::is_same_v<T, std::string>) {
+        uint32_t len = 0;
+        const char *s = bio_get_string(&reply, &len);
+        return s ? std::string(s, len) : std::string();
+    } else if constexpr (std::is_same_v<T, bool>) {
+        return bio_get_uint32(&reply) != 0;
+    } else if constexpr (std::is_integral_v<T>) {
+        return static_cast<T>(static_cast<int32_t>(bio_get_uint32(&reply)));
+    } else if constexpr (std::is_same_v<T, std::vector<WifiList>>) {
+        uint32_t count = bio_get_uint32(&reply);
+        if (count > reply.data_left / 4) {  // more entries than words left: not a list
+            reply.flags |= BIO_FLAG_OVERFLOW;
+            return {};
+        }
+        std::vector<WifiList> list(count);
+        for (WifiList &entry : list)
+            entry = take<WifiList>(reply);
+        return list;
+    } else {
+        uint32_t len = 0;
+        const void *p = bio_get_mem(&reply, &len);
+        T r{};
+        try {
+            if (p && !(reply.flags & BIO_FLAG_OVERFLOW))
+                r.fromString(std::string(static_cast<const char *>(p), len));
+        } catch (const std::exception &) {  // a block that is not this record
+            reply.flags |= BIO_FLAG_OVERFLOW;
+        }
+        return r;
+    }
+}
+template <class T> Json answer_json(binder_io &reply) { return to_json_value(take<T>(reply)); }
+
 // ---- methods ----
 
 // With a trace object, the handler adds the decoded arguments ("args") and

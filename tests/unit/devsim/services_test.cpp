@@ -96,4 +96,31 @@ TEST_F(Services, AnAnswerTooLargeForTheReplyIsAnError)
     EXPECT_EQ(call("wifiinfo", 2, request(), 256), kReplyTooLarge);
 }
 
+TEST_F(Services, QueriesReadTheirAnswersBackAsServedOrSayTheyAreCut)
+{
+    Json served;
+    sim.observe([&](const Json *c) { served = c ? c->value("reply", Json()) : Json(); });
+    for (const Service &s : sim.services())
+        for (uint32_t code = 0; code < s.methods.size(); ++code) {
+            const Method &m = s.methods[code];
+            if (!m.query || !m.arg_types.empty())
+                continue;
+            std::string bytes = call(s.name, code, req()).reply;
+            for (std::size_t cut : {0, 4}) {  // whole, then without its last word
+                std::vector<uint32_t> area(bytes.size() / 4 + 1);
+                std::memcpy(area.data(), bytes.data(), bytes.size() - cut);
+                binder_transaction_data txn{};
+                txn.data_size = bytes.size() - cut;
+                txn.data.ptr.buffer = reinterpret_cast<binder_uintptr_t>(area.data());
+                binder_io reply;
+                bio_init_from_txn(&reply, &txn);
+                Json answer = m.answer(reply);
+                EXPECT_EQ((reply.flags & BIO_FLAG_OVERFLOW) != 0, cut != 0) << m.name;
+                if (!cut) {
+                    EXPECT_EQ(answer, served) << m.name;
+                }
+            }
+        }
+}
+
 }  // namespace

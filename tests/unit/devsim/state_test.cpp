@@ -77,6 +77,16 @@ TEST_F(Steered, FailFindsServicesThroughTheMethodTable)
     EXPECT_EQ(control.heal("backlight").code, 0);
 }
 
+TEST_F(Steered, LoadedServicesSectionFailsServicesOrIsRefusedWhole)
+{
+    EXPECT_EQ(control.load_state(R"({"services":{"backlight":"failed"}})").code, 0);
+    EXPECT_EQ(simulator.faults().count("backlight"), 1u);
+    for (const char *bad : {R"({"services":{"nosuch":"absent"}})", R"({"services":{"vpn":"broken"}})",
+                            R"({"services":{"vpn":"failed"},"backlight":{"brightness":"x"}})"})
+        EXPECT_EQ(control.load_state(bad).code, 2) << bad;
+    EXPECT_EQ(simulator.faults().count("vpn"), 0u);
+}
+
 TEST_F(Steered, ADumpLargerThanTheReplyAreaIsAnErrorNotCut)
 {
     simulator.add_extra(&control.service());
