@@ -51,8 +51,22 @@ Control::Control(Device &device, Simulator &simulator, tools::Publisher &publish
 
 Result Control::dump() const
 {
+    // Absent (unpublished) and failing services too, as a snapshot records
+    // them, so that --state of a dump answers the same.
+    Json services = Json::object();
+    const auto faults = simulator_.faults();
+    for (const Service &s : simulator_.services()) {
+        auto f = faults.find(s.name);
+        if (!publisher_.published(s.name))
+            services[s.name] = "absent";
+        else if (f != faults.end() && f->second.status == Fault::kFailCall && f->second.calls < 0 &&
+                 f->second.delay_ms == 0)
+            services[s.name] = "failed";
+    }
     std::lock_guard<std::mutex> hold(simulator_.lock());
-    return {Result::kDone, StateJson::dump(device_).dump(2)};
+    Json state = StateJson::dump(device_);
+    state["services"] = std::move(services);
+    return {Result::kDone, state.dump(2)};
 }
 
 Result Control::set(const std::string &key, const std::string &value)

@@ -215,6 +215,8 @@ function renderTree(s) {
   };
   const sections = Object.entries(s).map(([section, fields]) => {
     const leaves = [];
+    // Absent and failing services have their own card.
+    if (section === 'services') return '';
     if (section === 'settings') {
       for (const [sec, keys] of Object.entries(fields))
         for (const [key, value] of Object.entries(keys)) leaves.push(leaf(`settings.${sec}.${key}`, value));
