@@ -264,13 +264,20 @@ const Service *Simulator::find_method(const std::string &method) const
     return nullptr;
 }
 
+binder_uintptr_t object_word(const Service *s)
+{
+    // Through uintptr_t, as the library writes the published pointer: a
+    // direct cast to a wider word sign-extends a 32-bit address above 2 GiB.
+    return static_cast<binder_uintptr_t>(reinterpret_cast<uintptr_t>(s));
+}
+
 const Service *Simulator::target(const binder_transaction_data &txn) const
 {
     // Compared, never dereferenced: the pointer comes from the driver.
     for (const Service &s : services_)
-        if (txn.target.ptr == reinterpret_cast<binder_uintptr_t>(&s))
+        if (txn.target.ptr == object_word(&s))
             return &s;
-    if (extra_ && txn.target.ptr == reinterpret_cast<binder_uintptr_t>(extra_))
+    if (extra_ && txn.target.ptr == object_word(extra_))
         return extra_;
     return nullptr;
 }

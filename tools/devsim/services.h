@@ -79,6 +79,9 @@ struct Fault {
     int32_t delay_ms = 0;  // with a delay, calls are answered normally, late
 };
 
+// The word the driver carries for a published Service.
+binder_uintptr_t object_word(const Service *s);
+
 class Simulator {
 public:
     // Requests are recorded to `record` and traced, one JSON line each, to

@@ -20,7 +20,7 @@ protected:
     int call(const char *service, uint32_t code, const RequestBytes &bytes, std::size_t reply_area = 40960)
     {
         const Service *s = sim.find(service);
-        return call_object(s ? reinterpret_cast<binder_uintptr_t>(s) : 0, code, bytes, reply_area);
+        return call_object(s ? object_word(s) : 0, code, bytes, reply_area);
     }
     int call_object(binder_uintptr_t target, uint32_t code, const RequestBytes &bytes, std::size_t reply_area = 40960)
     {

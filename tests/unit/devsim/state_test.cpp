@@ -95,7 +95,7 @@ TEST_F(Steered, ADumpLargerThanTheReplyAreaIsAnErrorNotCut)
     for (std::size_t area : {std::size_t{64}, std::size_t{64 * 1024}}) {
         uint32_t request = 0;  // dump: the leading word alone
         binder_transaction_data txn{};
-        txn.target.ptr = reinterpret_cast<binder_uintptr_t>(&control.service());
+        txn.target.ptr = object_word(&control.service());
         binder_io msg{}, reply;
         msg.data_start = msg.cursor = reinterpret_cast<char *>(&request);
         msg.data_left = sizeof request;
