@@ -42,6 +42,16 @@ const char *get_prologue(binder_io &msg, std::u16string &name)
     return nullptr;
 }
 
+// The prologue, then the object a publish or unpublish request names, which
+// the driver has turned into a reference of ours.
+const char *get_named_ref(binder_io &msg, std::u16string &name, uint32_t &handle)
+{
+    if (const char *why = get_prologue(msg, name))
+        return why;
+    handle = bio_get_ref(&msg);
+    return handle == 0 ? "no object reference" : nullptr;
+}
+
 }  // namespace
 
 SvcmgrHandler::SvcmgrHandler(ServiceRegistry &registry, std::FILE *trace)
@@ -101,12 +111,9 @@ int SvcmgrHandler::list(const binder_transaction_data &txn, binder_io &msg, bind
 int SvcmgrHandler::publish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
 {
     std::u16string name;
-    if (const char *why = get_prologue(msg, name))
+    uint32_t handle = 0;
+    if (const char *why = get_named_ref(msg, name, handle))
         return refuse(txn, why);
-    // The driver has turned the publisher's object into a reference of ours.
-    uint32_t handle = bio_get_ref(&msg);
-    if (handle == 0)
-        return refuse(txn, "no object reference");
     registry_.publish(name, handle);
     if (trace_)
         std::fprintf(trace_, "svcmgr: publish \"%s\" from pid %d as handle %u\n",
@@ -118,11 +125,9 @@ int SvcmgrHandler::publish(const binder_transaction_data &txn, binder_io &msg, b
 int SvcmgrHandler::unpublish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
 {
     std::u16string name;
-    if (const char *why = get_prologue(msg, name))
+    uint32_t handle = 0;
+    if (const char *why = get_named_ref(msg, name, handle))
         return refuse(txn, why);
-    uint32_t handle = bio_get_ref(&msg);
-    if (handle == 0)
-        return refuse(txn, "no object reference");
     bool dropped = registry_.remove(name, handle);
     if (trace_)
         std::fprintf(trace_, "svcmgr: unpublish \"%s\" from pid %d: %s\n", printable(name).c_str(),

@@ -145,48 +145,40 @@ const Service *Control::lookup(const std::string &name, Result &why) const
 
 Result Control::fail(const std::string &name, Fault fault)
 {
-    Result why;
-    const Service *s = lookup(name, why);
-    if (!s)
-        return why;
-    if (fault.delay_ms < 0)
-        return refused("delay must not be negative");
-    if (fault.calls == 0)
-        return refused("calls must be 1 or more (leave it out for all calls)");
-    simulator_.fail(*s, fault);
-    return {Result::kDone, s->name};
+    return on_service(name, [&](const Service &s) -> Result {
+        if (fault.delay_ms < 0)
+            return refused("delay must not be negative");
+        if (fault.calls == 0)
+            return refused("calls must be 1 or more (leave it out for all calls)");
+        simulator_.fail(s, fault);
+        return {Result::kDone, s.name};
+    });
 }
 
 Result Control::heal(const std::string &name)
 {
-    Result why;
-    const Service *s = lookup(name, why);
-    if (!s)
-        return why;
-    simulator_.heal(*s);
-    return {Result::kDone, s->name};
+    return on_service(name, [&](const Service &s) -> Result {
+        simulator_.heal(s);
+        return {Result::kDone, s.name};
+    });
 }
 
 Result Control::publish(const std::string &name)
 {
-    Result why;
-    const Service *s = lookup(name, why);
-    if (!s)
-        return why;
-    if (publisher_.publish(s->name, const_cast<Service *>(s)) != 0)
-        return {Result::kFailed, std::string("the service manager refused \"") + s->name + "\""};
-    return {Result::kDone, s->name};
+    return on_service(name, [&](const Service &s) -> Result {
+        if (publisher_.publish(s.name, const_cast<Service *>(&s)) != 0)
+            return {Result::kFailed, std::string("the service manager refused \"") + s.name + "\""};
+        return {Result::kDone, s.name};
+    });
 }
 
 Result Control::unpublish(const std::string &name)
 {
-    Result why;
-    const Service *s = lookup(name, why);
-    if (!s)
-        return why;
-    if (publisher_.unpublish(s->name, const_cast<Service *>(s)) != 0)
-        return {Result::kFailed, std::string("the service manager does not take unpublish requests")};
-    return {Result::kDone, s->name};
+    return on_service(name, [&](const Service &s) -> Result {
+        if (publisher_.unpublish(s.name, const_cast<Service *>(&s)) != 0)
+            return {Result::kFailed, std::string("the service manager does not take unpublish requests")};
+        return {Result::kDone, s.name};
+    });
 }
 
 Result Control::broadcast(const std::string &action, const std::map<std::string, int> &ints,

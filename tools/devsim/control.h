@@ -62,6 +62,13 @@ public:
 private:
     // The named service, or null with `why` set.
     const Service *lookup(const std::string &name, Result &why) const;
+    // f(service) for the named service, or lookup's refusal.
+    template <class F> Result on_service(const std::string &name, F f)
+    {
+        Result why;
+        const Service *s = lookup(name, why);
+        return s ? f(*s) : why;
+    }
 
     Device &device_;
     Simulator &simulator_;
