@@ -16,6 +16,8 @@
 #include <hmisvc/binder.h>
 #include <hmisvc/context.h>
 
+#include "supervise/outcome_record.h"
+
 namespace hmisvc::proxy {
 
 // Request data areas: most services take short requests, the network ones
@@ -119,7 +121,9 @@ auto call(ServiceManager &sm, unsigned int code, const char *label, Decode decod
     auto wired = std::make_tuple(wire(args)...);
     std::apply([&msg](const auto &...w) { (put(&msg, w), ...); }, wired);
 
+    detail::CallRecord record;
     if (sm.BinderCall(&msg, &reply, code) != 0) {
+        detail::CallRecord::failed(reply);
         report_failure(label);
         if constexpr (Mode == OnFailure::StillRelease) {
             sm.BinderDone(&msg, &reply);
@@ -137,9 +141,11 @@ auto call(ServiceManager &sm, unsigned int code, const char *label, Decode decod
     }
     if constexpr (std::is_void_v<Result>) {
         decode(&reply);
+        detail::CallRecord::decoded(reply);
         sm.BinderDone(&msg, &reply);
     } else {
         Result value = decode(&reply);
+        detail::CallRecord::decoded(reply);
         sm.BinderDone(&msg, &reply);
         return value;
     }

@@ -1,0 +1,256 @@
+/**
+ * @file
+ * A supervised service handle: a proxy that finds its service when it is
+ * there, notices when it dies, builds itself again, and gives every call a
+ * time limit if asked to.
+ */
+#ifndef HMISVC_SERVICE_H
+#define HMISVC_SERVICE_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include <hmisvc/context.h>
+#include <hmisvc/export.h>
+#include <hmisvc/outcome.h>
+
+namespace hmisvc {
+
+/// Where a supervised service stands, as far as its handle knows.
+enum class ServiceState {
+    Unknown, ///< not looked up yet
+    Up,      ///< found; calls go to it
+    Down,    ///< died, failed a call, or was not registered when asked
+};
+
+/// A short lower-case name of @p state: "unknown", "up", "down".
+HMISVC_API const char *serviceStateName(ServiceState state) noexcept;
+
+/// How a Service looks its service up and calls it.
+struct ServiceOptions {
+    /// How long a call waits for the service's name to be registered when
+    /// the handle has no proxy (polled every 10 ms). 0: look once.
+    std::chrono::milliseconds lookupLimit{1000};
+    /// Time limit of every call; 0 (the default) runs calls on the caller's
+    /// thread with no limit, at the cost of a plain proxy call.
+    std::chrono::milliseconds callLimit{0};
+    /// Threads the handle owns to run limited calls (at least 1). A call
+    /// that passes its limit leaves its transaction to finish on one of
+    /// them; while all are busy, further limited calls wait their limit.
+    unsigned workers = 1;
+    /// Called on every change of state(), with the new state: on the
+    /// calling thread when a call finds or loses the service, on the
+    /// layer's watch thread when the service dies. Keep it short; it must
+    /// not destroy the Service.
+    std::function<void(ServiceState)> onStateChange;
+};
+
+namespace detail {
+
+/// A limited call, run on one of a handle's workers.
+class HMISVC_API Job {
+public:
+    virtual ~Job();
+    /// Makes the call with @p proxy (null when the service was not found by
+    /// @p why) and records its outcome.
+    virtual void run(const std::shared_ptr<ServiceManager> &proxy, Outcome why) = 0;
+    Outcome outcome = Outcome::TimedOut; ///< what became of the call
+};
+
+/// What a Service shares with its workers and the watch thread.
+class ServiceCore;
+
+/// Builds the handle's state for service @p name.
+HMISVC_API std::shared_ptr<ServiceCore> makeServiceCore(std::string name, ServiceOptions options);
+/// Ends what the handle started: no callback runs after it returns; a
+/// worker busy with a stuck transaction ends once it returns.
+HMISVC_API void closeServiceCore(ServiceCore &core) noexcept;
+/// The current proxy, looked up and built if there is none; null with
+/// @p why set when the service was not found within the lookup limit.
+HMISVC_API std::shared_ptr<ServiceManager> acquire(ServiceCore &core, Outcome &why);
+/// After a call through @p proxy that ended with @p outcome: a failed
+/// transaction drops the proxy and reports the service down.
+HMISVC_API void settle(ServiceCore &core, const std::shared_ptr<ServiceManager> &proxy, Outcome outcome);
+/// Runs @p job on a worker and waits @p limit at most; false when the
+/// limit passed first (a job not yet started then never runs).
+HMISVC_API bool runWithin(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit);
+/// Looks the service up now unless the handle has a proxy, waiting up to
+/// @p limit; whether the service is up.
+HMISVC_API bool connect(ServiceCore &core, std::chrono::milliseconds limit);
+HMISVC_API ServiceState state(const ServiceCore &core);
+HMISVC_API const std::string &name(const ServiceCore &core);
+HMISVC_API std::chrono::milliseconds callLimit(const ServiceCore &core);
+
+/// Calls @p method on @p proxy and returns what became of it; an exception
+/// of a failed or undecodable call becomes its outcome.
+template <class Proxy, class R, class... P, class... A>
+Result<R> invoke(ServiceCore &core, const std::shared_ptr<ServiceManager> &proxy, R (Proxy::*method)(P...),
+                 A &&...args)
+{
+    auto &target = static_cast<Proxy &>(*proxy);
+    setLastOutcome(Outcome::Ok);
+    try {
+        if constexpr (std::is_void_v<R>) {
+            (target.*method)(std::forward<A>(args)...);
+            const Outcome outcome = lastOutcome();
+            settle(core, proxy, outcome);
+            return Result<void>(outcome);
+        } else {
+            R value = (target.*method)(std::forward<A>(args)...);
+            const Outcome outcome = lastOutcome();
+            settle(core, proxy, outcome);
+            return outcome == Outcome::Ok ? Result<R>(std::move(value)) : Result<R>(outcome);
+        }
+    } catch (const std::exception &) {
+        // The MAC and CCID getters throw after a failed call; a record that
+        // does not decode throws too.
+        Outcome outcome = lastOutcome();
+        if (outcome == Outcome::Ok)
+            outcome = Outcome::ReplyUndecodable;
+        setLastOutcome(outcome);
+        settle(core, proxy, outcome);
+        return Result<R>(outcome);
+    }
+}
+
+/// A limited call: the arguments copied into the job, out-parameters
+/// (non-const references) copied back when the call finished in time.
+template <class Proxy, class R, class... P> class MethodJob final : public Job {
+public:
+    using Method = R (Proxy::*)(P...);
+    template <class... A>
+    MethodJob(ServiceCore &core, Method method, A &&...args)
+        : core_(core), method_(method), args_(std::forward<A>(args)...)
+    {
+    }
+    void run(const std::shared_ptr<ServiceManager> &proxy, Outcome why) override
+    {
+        if (!proxy) {
+            outcome = why;
+            return;
+        }
+        result_ = std::apply(
+            [&](auto &...a) { return invoke<Proxy>(core_, proxy, method_, a...); }, args_);
+        outcome = result_.outcome();
+    }
+    // Hands the result to the caller's thread.
+    template <class... A> Result<R> finish(A &...args)
+    {
+        copyBack(std::index_sequence_for<P...>{}, args...);
+        return std::move(result_);
+    }
+
+private:
+    template <std::size_t... I, class... A> void copyBack(std::index_sequence<I...>, A &...args)
+    {
+        (assignIfOut<P>(args, std::get<I>(args_)), ...);
+    }
+    template <class Param, class Arg, class Held> static void assignIfOut(Arg &arg, Held &held)
+    {
+        if constexpr (std::is_lvalue_reference_v<Param> && !std::is_const_v<std::remove_reference_t<Param>>)
+            arg = held;
+    }
+    ServiceCore &core_; // the core outlives its workers' jobs
+    Method method_;
+    std::tuple<std::decay_t<P>...> args_;
+    Result<R> result_{Outcome::TimedOut};
+};
+
+} // namespace detail
+
+/// A supervised handle on one service.
+///
+/// Proxy is one of the proxy classes (BacklightManager, SettingsManager,
+/// ...). The handle looks the service up on its first call, waiting up to
+/// ServiceOptions::lookupLimit for the name to be registered; it keeps one
+/// proxy and builds a new one after the service died (it links to the
+/// service's death through the binder driver) or after a call through it
+/// failed in the driver. Calls return a Result: the method's value, or why
+/// there is none.
+///
+/// @code
+/// hmisvc::Service<BacklightManager> backlight;
+/// if (auto level = backlight.call(&BacklightManager::GetBrightness))
+///     show(*level);               // or level.value()
+/// backlight.call(&BacklightManager::SetBrightness, 80);
+/// @endcode
+///
+/// Without ServiceOptions::callLimit a call runs on the caller's thread and
+/// costs what a plain proxy call does. With it, the call runs on a worker
+/// the handle owns and the caller waits at most the limit; a call that
+/// passes it returns Outcome::TimedOut while its transaction finishes on the
+/// worker (binder cannot cancel one). A call is sent at most once: the
+/// handle never repeats a failed one.
+///
+/// Any number of threads may call through one handle at once.
+template <class Proxy> class Service {
+public:
+    /// A handle on the service the proxy class names (Proxy::SERVICE_NAME).
+    explicit Service(ServiceOptions options = {}) : Service(Proxy::SERVICE_NAME, std::move(options)) {}
+    /// A handle on service @p name served by Proxy's protocol.
+    Service(std::string name, ServiceOptions options)
+        : core_(detail::makeServiceCore(std::move(name), std::move(options)))
+    {
+    }
+    /// Ends the handle; a worker busy with a stuck call finishes it first,
+    /// on its own, without holding up the destructor.
+    ~Service()
+    {
+        if (core_)
+            detail::closeServiceCore(*core_);
+    }
+    Service(const Service &) = delete;            ///< Not copyable.
+    Service &operator=(const Service &) = delete; ///< Not copyable.
+
+    /// Calls @p method with @p args under the handle's time limit.
+    template <class R, class... P, class... A> Result<R> call(R (Proxy::*method)(P...), A &&...args)
+    {
+        return callWithin(detail::callLimit(*core_), method, std::forward<A>(args)...);
+    }
+
+    /// Calls @p method with @p args under the time limit @p limit (0: none,
+    /// on the caller's thread).
+    template <class R, class... P, class... A>
+    Result<R> callWithin(std::chrono::milliseconds limit, R (Proxy::*method)(P...), A &&...args)
+    {
+        if (limit.count() <= 0) {
+            Outcome why = Outcome::Ok;
+            const std::shared_ptr<ServiceManager> proxy = detail::acquire(*core_, why);
+            if (!proxy) {
+                detail::setLastOutcome(why);
+                return Result<R>(why);
+            }
+            return detail::invoke<Proxy>(*core_, proxy, method, std::forward<A>(args)...);
+        }
+        auto job = std::make_shared<detail::MethodJob<Proxy, R, P...>>(*core_, method, args...);
+        if (!detail::runWithin(*core_, job, limit)) {
+            detail::setLastOutcome(Outcome::TimedOut);
+            return Result<R>(Outcome::TimedOut);
+        }
+        detail::setLastOutcome(job->outcome);
+        return job->finish(args...);
+    }
+
+    /// Looks the service up now if the handle has no proxy, waiting up to
+    /// @p limit for its name.
+    /// @return whether the service is up.
+    bool connect(std::chrono::milliseconds limit) { return detail::connect(*core_, limit); }
+
+    /// Where the service stands, as far as the handle knows.
+    ServiceState state() const { return detail::state(*core_); }
+    /// The service's name.
+    const std::string &name() const { return detail::name(*core_); }
+
+private:
+    std::shared_ptr<detail::ServiceCore> core_;
+};
+
+} // namespace hmisvc
+
+#endif

@@ -1,0 +1,242 @@
+// The supervised handle's state: one proxy at a time, replaced after the
+// service died or a call failed in the driver; a fixed set of workers for
+// calls with a time limit.
+#include <hmisvc/service.h>
+
+#include "supervise/watch.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+namespace hmisvc {
+
+const char *serviceStateName(ServiceState state) noexcept
+{
+    switch (state) {
+    case ServiceState::Unknown:
+        return "unknown";
+    case ServiceState::Up:
+        return "up";
+    case ServiceState::Down:
+        return "down";
+    }
+    return "unknown";
+}
+
+namespace detail {
+
+namespace {
+using Clock = std::chrono::steady_clock;
+constexpr std::chrono::milliseconds kPoll{10};
+
+struct Queued {
+    std::shared_ptr<Job> job;
+    bool started = false;
+    bool done = false;
+};
+} // namespace
+
+Job::~Job() = default;
+
+class ServiceCore : public DeathListener, public std::enable_shared_from_this<ServiceCore> {
+public:
+    ServiceCore(std::string name, ServiceOptions options)
+        : name_(std::move(name)), options_(std::move(options)), watch_(Watcher::instance().watch(name_))
+    {
+        options_.workers = std::max(1u, options_.workers);
+    }
+
+    void serviceDied(const std::string &) override
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            proxy_.reset();
+        }
+        change(ServiceState::Down);
+    }
+
+    std::shared_ptr<ServiceManager> acquire(Outcome &why, Clock::time_point until)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (proxy_ && deaths(watch_) == seen_)
+            return proxy_;
+        proxy_.reset();
+        for (;;) {
+            const std::uint64_t before = deaths(watch_);
+            if (Watcher::instance().link(watch_)) {
+                auto proxy = Context::getSystemService(name_);
+                if (proxy && proxyUsable(*proxy)) {
+                    proxy_ = std::move(proxy);
+                    seen_ = before;
+                    auto result = proxy_;
+                    lock.unlock();
+                    change(ServiceState::Up);
+                    return result;
+                }
+            }
+            if (Clock::now() >= until)
+                break;
+            std::this_thread::sleep_until(std::min(until, Clock::now() + kPoll));
+        }
+        lock.unlock();
+        why = Outcome::NotRegistered;
+        change(ServiceState::Down);
+        return nullptr;
+    }
+
+    void settle(const std::shared_ptr<ServiceManager> &proxy, Outcome outcome)
+    {
+        if (outcome != Outcome::TransactionFailed && outcome != Outcome::NotRegistered)
+            return;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (proxy_ == proxy)
+                proxy_.reset();
+        }
+        change(ServiceState::Down);
+    }
+
+    bool runWithin(const std::shared_ptr<Job> &job, std::chrono::milliseconds limit)
+    {
+        auto entry = std::make_shared<Queued>();
+        entry->job = job;
+        std::unique_lock<std::mutex> lock(pool_mutex_);
+        startWorkers();
+        queue_.push_back(entry);
+        work_.notify_one();
+        if (finished_.wait_for(lock, limit, [&] { return entry->done; }))
+            return true;
+        if (!entry->started)
+            queue_.erase(std::find(queue_.begin(), queue_.end(), entry));
+        return false;
+    }
+
+    void close() noexcept
+    {
+        {
+            std::lock_guard<std::mutex> lock(callback_mutex_);
+            closed_ = true;
+        }
+        std::lock_guard<std::mutex> lock(pool_mutex_);
+        stopping_ = true;
+        work_.notify_all();
+    }
+
+    ServiceState state() const { return state_.load(); }
+    const std::string &name() const { return name_; }
+    std::chrono::milliseconds callLimit() const { return options_.callLimit; }
+    std::chrono::milliseconds lookupLimit() const { return options_.lookupLimit; }
+
+    void subscribe() { Watcher::instance().subscribe(watch_, weak_from_this()); }
+
+private:
+    // The proxy found its service (a lookup that raced an unpublication
+    // leaves it without one).
+    static bool proxyUsable(ServiceManager &proxy)
+    {
+        struct Handle : ServiceManager {
+            static int of(ServiceManager &p) { return p.*(&Handle::handle); }
+        };
+        return Handle::of(proxy) > 0;
+    }
+
+    void change(ServiceState to)
+    {
+        if (state_.exchange(to) == to)
+            return;
+        std::lock_guard<std::mutex> lock(callback_mutex_);
+        if (!closed_ && options_.onStateChange)
+            options_.onStateChange(to);
+    }
+
+    // Under pool_mutex_. The workers keep the core alive while they run.
+    void startWorkers()
+    {
+        if (workers_started_)
+            return;
+        workers_started_ = true;
+        for (unsigned i = 0; i < options_.workers; ++i)
+            std::thread([self = shared_from_this()] { self->work(); }).detach();
+    }
+
+    void work()
+    {
+        pthread_setname_np(pthread_self(), "hmisvc-call");
+        std::unique_lock<std::mutex> lock(pool_mutex_);
+        for (;;) {
+            work_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
+            if (stopping_)
+                return;
+            auto entry = queue_.front();
+            queue_.pop_front();
+            entry->started = true;
+            lock.unlock();
+            Outcome why = Outcome::Ok;
+            auto proxy = acquire(why, Clock::now() + options_.lookupLimit);
+            entry->job->run(proxy, why);
+            lock.lock();
+            entry->done = true;
+            finished_.notify_all();
+        }
+    }
+
+    const std::string name_;
+    ServiceOptions options_;
+    Watch &watch_;
+    std::atomic<ServiceState> state_{ServiceState::Unknown};
+
+    std::mutex mutex_; // the proxy
+    std::shared_ptr<ServiceManager> proxy_;
+    std::uint64_t seen_ = 0; // deaths of the service when the proxy was built
+
+    std::mutex callback_mutex_;
+    bool closed_ = false;
+
+    std::mutex pool_mutex_;
+    std::condition_variable work_, finished_;
+    std::deque<std::shared_ptr<Queued>> queue_;
+    bool workers_started_ = false;
+    bool stopping_ = false;
+};
+
+std::shared_ptr<ServiceCore> makeServiceCore(std::string name, ServiceOptions options)
+{
+    auto core = std::make_shared<ServiceCore>(std::move(name), std::move(options));
+    core->subscribe();
+    return core;
+}
+
+void closeServiceCore(ServiceCore &core) noexcept { core.close(); }
+
+std::shared_ptr<ServiceManager> acquire(ServiceCore &core, Outcome &why)
+{
+    return core.acquire(why, Clock::now() + core.lookupLimit());
+}
+
+bool connect(ServiceCore &core, std::chrono::milliseconds limit)
+{
+    Outcome why = Outcome::Ok;
+    return core.acquire(why, Clock::now() + limit) != nullptr;
+}
+
+void settle(ServiceCore &core, const std::shared_ptr<ServiceManager> &proxy, Outcome outcome)
+{
+    core.settle(proxy, outcome);
+}
+
+bool runWithin(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit)
+{
+    return core.runWithin(job, limit);
+}
+
+ServiceState state(const ServiceCore &core) { return core.state(); }
+const std::string &name(const ServiceCore &core) { return core.name(); }
+std::chrono::milliseconds callLimit(const ServiceCore &core) { return core.callLimit(); }
+
+} // namespace detail
+} // namespace hmisvc
