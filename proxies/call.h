@@ -16,7 +16,7 @@
 #include <hmisvc/binder.h>
 #include <hmisvc/context.h>
 
-#include "supervise/outcome_record.h"
+#include "proxies/call_record.h"
 
 namespace hmisvc::proxy {
 

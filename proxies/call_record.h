@@ -1,7 +1,7 @@
 // The calling thread's last call outcome, recorded by the proxies' one call
 // path.
-#ifndef HMISVC_SUPERVISE_OUTCOME_RECORD_H
-#define HMISVC_SUPERVISE_OUTCOME_RECORD_H
+#ifndef HMISVC_PROXIES_CALL_RECORD_H
+#define HMISVC_PROXIES_CALL_RECORD_H
 
 #include <exception>
 

@@ -1,6 +1,6 @@
 #include <hmisvc/outcome.h>
 
-#include "supervise/outcome_record.h"
+#include "proxies/call_record.h"
 
 namespace hmisvc {
 
