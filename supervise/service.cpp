@@ -116,7 +116,7 @@ public:
     void close() noexcept
     {
         {
-            std::lock_guard<std::mutex> lock(callback_mutex_);
+            std::lock_guard<std::recursive_mutex> lock(callback_mutex_);
             closed_ = true;
         }
         std::lock_guard<std::mutex> lock(pool_mutex_);
@@ -146,7 +146,7 @@ private:
     {
         if (state_.exchange(to) == to)
             return;
-        std::lock_guard<std::mutex> lock(callback_mutex_);
+        std::lock_guard<std::recursive_mutex> lock(callback_mutex_);
         if (!closed_ && options_.onStateChange)
             options_.onStateChange(to);
     }
@@ -191,7 +191,7 @@ private:
     std::shared_ptr<ServiceManager> proxy_;
     std::uint64_t seen_ = 0; // deaths of the service when the proxy was built
 
-    std::mutex callback_mutex_;
+    std::recursive_mutex callback_mutex_; // a callback may call through the handle
     bool closed_ = false;
 
     std::mutex pool_mutex_;

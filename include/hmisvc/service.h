@@ -46,8 +46,9 @@ struct ServiceOptions {
     unsigned workers = 1;
     /// Called on every change of state(), with the new state: on the
     /// calling thread (or worker) when a call is answered or fails, on the
-    /// layer's watch thread when the service dies. Keep it short; it must
-    /// not destroy the Service.
+    /// layer's watch thread when the service dies. Keep it short (the watch
+    /// thread serves every handle of the process); it may call through the
+    /// handle, but must not destroy it. No call comes after ~Service().
     std::function<void(ServiceState)> onStateChange;
 };
 
