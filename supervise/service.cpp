@@ -34,11 +34,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kPoll{10};
 
-struct Queued {
-    std::shared_ptr<Job> job;
-    bool started = false;
-    bool done = false;
-};
 } // namespace
 
 Job::~Job() = default;
@@ -73,10 +68,7 @@ public:
                 if (proxy && proxyUsable(*proxy)) {
                     proxy_ = std::move(proxy);
                     seen_ = before;
-                    auto result = proxy_;
-                    lock.unlock();
-                    change(ServiceState::Up);
-                    return result;
+                    return proxy_;
                 }
             }
             if (Clock::now() >= until)
@@ -89,8 +81,15 @@ public:
         return nullptr;
     }
 
+    // Up is reported on an answer, not on a lookup: a name can still point
+    // to a service that has just died.
     void settle(const std::shared_ptr<ServiceManager> &proxy, Outcome outcome)
     {
+        if (outcome == Outcome::Ok || outcome == Outcome::ReplyUndecodable) {
+            if (state_.load(std::memory_order_relaxed) != ServiceState::Up)
+                change(ServiceState::Up);
+            return;
+        }
         if (outcome != Outcome::TransactionFailed && outcome != Outcome::NotRegistered)
             return;
         {
@@ -103,16 +102,14 @@ public:
 
     bool runWithin(const std::shared_ptr<Job> &job, std::chrono::milliseconds limit)
     {
-        auto entry = std::make_shared<Queued>();
-        entry->job = job;
         std::unique_lock<std::mutex> lock(pool_mutex_);
         startWorkers();
-        queue_.push_back(entry);
+        queue_.push_back(job);
         work_.notify_one();
-        if (finished_.wait_for(lock, limit, [&] { return entry->done; }))
+        if (finished_.wait_for(lock, limit, [&] { return job->done_; }))
             return true;
-        if (!entry->started)
-            queue_.erase(std::find(queue_.begin(), queue_.end(), entry));
+        if (!job->started_)
+            queue_.erase(std::find(queue_.begin(), queue_.end(), job));
         return false;
     }
 
@@ -172,15 +169,15 @@ private:
             work_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
             if (stopping_)
                 return;
-            auto entry = queue_.front();
+            auto job = queue_.front();
             queue_.pop_front();
-            entry->started = true;
+            job->started_ = true;
             lock.unlock();
             Outcome why = Outcome::Ok;
             auto proxy = acquire(why, Clock::now() + options_.lookupLimit);
-            entry->job->run(proxy, why);
+            job->run(proxy, why);
             lock.lock();
-            entry->done = true;
+            job->done_ = true;
             finished_.notify_all();
         }
     }
@@ -199,7 +196,7 @@ private:
 
     std::mutex pool_mutex_;
     std::condition_variable work_, finished_;
-    std::deque<std::shared_ptr<Queued>> queue_;
+    std::deque<std::shared_ptr<Job>> queue_;
     bool workers_started_ = false;
     bool stopping_ = false;
 };

@@ -24,9 +24,9 @@ namespace hmisvc {
 
 /// Where a supervised service stands, as far as its handle knows.
 enum class ServiceState {
-    Unknown, ///< not looked up yet
-    Up,      ///< found; calls go to it
-    Down,    ///< died, failed a call, or was not registered when asked
+    Unknown, ///< not called yet
+    Up,      ///< answered the last call
+    Down,    ///< died, failed a call in the driver, or was not registered when asked
 };
 
 /// A short lower-case name of @p state: "unknown", "up", "down".
@@ -45,7 +45,7 @@ struct ServiceOptions {
     /// them; while all are busy, further limited calls wait their limit.
     unsigned workers = 1;
     /// Called on every change of state(), with the new state: on the
-    /// calling thread when a call finds or loses the service, on the
+    /// calling thread (or worker) when a call is answered or fails, on the
     /// layer's watch thread when the service dies. Keep it short; it must
     /// not destroy the Service.
     std::function<void(ServiceState)> onStateChange;
@@ -61,6 +61,11 @@ public:
     /// @p why) and records its outcome.
     virtual void run(const std::shared_ptr<ServiceManager> &proxy, Outcome why) = 0;
     Outcome outcome = Outcome::TimedOut; ///< what became of the call
+
+private:
+    friend class ServiceCore;
+    bool started_ = false; // under the handle's queue lock
+    bool done_ = false;
 };
 
 /// What a Service shares with its workers and the watch thread.
@@ -81,7 +86,7 @@ HMISVC_API void settle(ServiceCore &core, const std::shared_ptr<ServiceManager> 
 /// limit passed first (a job not yet started then never runs).
 HMISVC_API bool runWithin(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit);
 /// Looks the service up now unless the handle has a proxy, waiting up to
-/// @p limit; whether the service is up.
+/// @p limit; whether it has one.
 HMISVC_API bool connect(ServiceCore &core, std::chrono::milliseconds limit);
 /// Where the service stands, as far as the handle knows.
 HMISVC_API ServiceState state(const ServiceCore &core);
@@ -137,6 +142,7 @@ public:
     {
         if (!proxy) {
             outcome = why;
+            result_ = Result<R>(why);
             return;
         }
         result_ = std::apply(
@@ -243,8 +249,8 @@ public:
     }
 
     /// Looks the service up now if the handle has no proxy, waiting up to
-    /// @p limit for its name.
-    /// @return whether the service is up.
+    /// @p limit for its name. The state changes on the next call's answer.
+    /// @return whether the handle has a proxy for a registered service.
     bool connect(std::chrono::milliseconds limit) { return detail::connect(*core_, limit); }
 
     /// Where the service stands, as far as the handle knows.

@@ -1,0 +1,219 @@
+// Supervised service handles on the real driver: a simulator killed and
+// started again, a service stopped in the middle of calls, and the outcome
+// of each kind of failed call.
+#include "process.h"
+
+#include <hmisvc/outcome.h>
+#include <hmisvc/proxies.h>
+#include <hmisvc/service.h>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using hmisvc::Outcome;
+using hmisvc::ServiceState;
+
+std::unique_ptr<peer::Child> g_devsim;
+
+bool start_devsim()
+{
+    g_devsim = peer::start_program({HMISVC_DEVSIM});
+    return g_devsim->ready();
+}
+
+class Environment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        ASSERT_TRUE(peer::start_service_manager(HMISVC_SERVICEMANAGER));
+        ASSERT_TRUE(start_devsim());
+    }
+    void TearDown() override
+    {
+        g_devsim.reset();
+        peer::stop_service_manager();
+    }
+};
+
+double ms_since(Clock::time_point start)
+{
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+int threads_now()
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("Threads:", 0) == 0)
+            return std::stoi(line.substr(8));
+    return -1;
+}
+
+// Counts the state changes a handle reports.
+struct Changes {
+    std::atomic<int> up{0}, down{0};
+    hmisvc::ServiceOptions options(std::chrono::milliseconds call_limit)
+    {
+        hmisvc::ServiceOptions o;
+        o.lookupLimit = 50ms;
+        o.callLimit = call_limit;
+        o.onStateChange = [this](ServiceState s) { ++(s == ServiceState::Up ? up : down); };
+        return o;
+    }
+};
+
+TEST(SupervisedService, CallsInALoopSurviveASimulatorRestart)
+{
+    constexpr auto kLimit = 2000ms;
+    Changes changes;
+    hmisvc::Service<BacklightManager> backlight(changes.options(kLimit));
+    ASSERT_TRUE(backlight.call(&BacklightManager::GetBrightness).ok());
+
+    struct Call {
+        Clock::time_point at;
+        double ms;
+        Outcome outcome;
+    };
+    std::vector<Call> calls;
+    std::atomic<bool> stop{false};
+    std::thread caller([&] {
+        while (!stop) {
+            const auto start = Clock::now();
+            const auto r = backlight.call(&BacklightManager::GetBrightness);
+            calls.push_back({start, ms_since(start), r.outcome()});
+            std::this_thread::sleep_for(2ms);
+        }
+    });
+    std::this_thread::sleep_for(300ms);
+    g_devsim.reset(); // SIGKILL
+    ASSERT_TRUE(peer::eventually([&] { return changes.down == 1; }));
+    std::this_thread::sleep_for(300ms);
+    ASSERT_TRUE(start_devsim());
+    const auto restarted = Clock::now();
+    ASSERT_TRUE(peer::eventually([&] { return backlight.state() == ServiceState::Up; }));
+    std::this_thread::sleep_for(300ms);
+    stop = true;
+    caller.join();
+
+    // After the first success past the restart, every call succeeds.
+    auto first = std::find_if(calls.begin(), calls.end(),
+                              [&](const Call &c) { return c.at >= restarted && c.outcome == Outcome::Ok; });
+    ASSERT_NE(first, calls.end());
+    EXPECT_TRUE(std::all_of(first, calls.end(), [](const Call &c) { return c.outcome == Outcome::Ok; }));
+    const double slowest = std::max_element(calls.begin(), calls.end(), [](auto &a, auto &b) {
+                               return a.ms < b.ms;
+                           })->ms;
+    EXPECT_LT(slowest, (std::chrono::duration<double, std::milli>(kLimit).count() + 500));
+    EXPECT_EQ(changes.down, 1);
+    EXPECT_EQ(changes.up, 2); // the first call, and after the restart
+    std::printf("restart to working: %.1f ms (simulator ready to the first answered call); "
+                "%zu calls, slowest %.1f ms\n",
+                std::chrono::duration<double, std::milli>(first->at - restarted).count() + first->ms, calls.size(),
+                slowest);
+}
+
+TEST(SupervisedService, AStoppedServiceTimesOutWithBoundedThreads)
+{
+    constexpr auto kLimit = 200ms;
+    Changes changes;
+    hmisvc::Service<BacklightManager> backlight(changes.options(kLimit));
+    ASSERT_TRUE(backlight.call(&BacklightManager::GetBrightness).ok());
+    const int before = threads_now();
+
+    ASSERT_EQ(kill(g_devsim->pid(), SIGSTOP), 0);
+    double slowest = 0;
+    int timed_out = 0, most_threads = before;
+    for (int i = 0; i < 100; ++i) {
+        const auto start = Clock::now();
+        const auto r = backlight.call(&BacklightManager::GetBrightness);
+        slowest = std::max(slowest, ms_since(start));
+        timed_out += r.outcome() == Outcome::TimedOut;
+        most_threads = std::max(most_threads, threads_now());
+    }
+    ASSERT_EQ(kill(g_devsim->pid(), SIGCONT), 0);
+
+    EXPECT_EQ(timed_out, 100);
+    EXPECT_EQ(hmisvc::lastOutcome(), Outcome::TimedOut);
+    EXPECT_LT(slowest, 5 * 200.0);
+    EXPECT_LE(most_threads - before, 1); // the one worker; nothing per call
+    EXPECT_TRUE(peer::eventually([&] { return backlight.call(&BacklightManager::GetBrightness).ok(); }));
+    EXPECT_EQ(changes.down, 0); // stopped is not dead
+    std::printf("100 calls to a stopped service, 200 ms limit: slowest %.1f ms, threads %d -> at most %d\n",
+                slowest, before, most_threads);
+}
+
+bool sim(const std::string &args)
+{
+    return std::system((std::string(HMISVC_CLI) + " sim " + args + " > /dev/null").c_str()) == 0;
+}
+
+// Each kind of failure on a real call, through a plain proxy (the thread's
+// last outcome) and through a handle (the result).
+TEST(Outcomes, EachKindOfFailureOnARealCall)
+{
+    SystemManager plain;
+    hmisvc::Service<SystemManager> system;
+    hmisvc::ServiceOptions none;
+    none.lookupLimit = 0ms;
+    hmisvc::Service<SystemManager> unknown("supervise.unknown", none);
+
+    EXPECT_FALSE(plain.GetHmiName().empty());
+    EXPECT_EQ(hmisvc::lastOutcome(), Outcome::Ok);
+    EXPECT_TRUE(system.call(&SystemManager::GetHmiName).ok());
+
+    const auto r = unknown.call(&SystemManager::GetHmiName);
+    EXPECT_EQ(r.outcome(), Outcome::NotRegistered);
+    EXPECT_THROW(r.value(), hmisvc::CallError);
+
+    struct Case {
+        const char *fault;
+        Outcome expected;
+    };
+    for (const Case &c : {Case{"--calls 2", Outcome::TransactionFailed},
+                          // A status reply holds no string.
+                          Case{"--calls 2 --status 7", Outcome::ReplyUndecodable}}) {
+        SCOPED_TRACE(c.fault);
+        ASSERT_TRUE(sim(std::string("fail system ") + c.fault));
+        try {
+            plain.GetHmiName();
+        } catch (const std::exception &) { // a reply without its string
+        }
+        EXPECT_EQ(hmisvc::lastOutcome(), c.expected);
+        EXPECT_EQ(system.call(&SystemManager::GetHmiName).outcome(), c.expected);
+        ASSERT_TRUE(sim("heal system"));
+    }
+
+    // A designed proxy whose service is gone, and one built after.
+    g_devsim.reset();
+    plain.GetDeviceType();
+    EXPECT_EQ(hmisvc::lastOutcome(), Outcome::TransactionFailed);
+    ASSERT_TRUE(peer::eventually([] { return !peer::service_found("backlight"); }));
+    BacklightManager missing;
+    missing.GetBrightness();
+    EXPECT_EQ(hmisvc::lastOutcome(), Outcome::NotRegistered);
+    ASSERT_TRUE(start_devsim());
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+    ::testing::AddGlobalTestEnvironment(new Environment);
+    return RUN_ALL_TESTS();
+}
