@@ -7,8 +7,9 @@
 // out" result, not a frozen window; the GUI thread still waits for no call:
 // calls are made from Qt's thread pool and their results posted back. The
 // handles and the receiver report the services going and coming back; the
-// panel shows it and loads again. Receivers run on the receiver's own handler
-// thread, so onReceive copies what it needs and posts it to the GUI thread.
+// panel shows it and reads them again. Receivers run on the supervised
+// receiver's handler thread; onReceive copies what it needs and posts it to
+// the GUI thread.
 //
 //   qt-panel [--set-brightness N] [--print-state]
 //
@@ -20,6 +21,7 @@
 #include <QCommandLineParser>
 #include <QLabel>
 #include <QListWidget>
+#include <QMap>
 #include <QSignalBlocker>
 #include <QSlider>
 #include <QThreadPool>
@@ -29,9 +31,9 @@
 
 #include <chrono>
 #include <cstdio>
-#include <map>
+#include <functional>
 #include <memory>
-#include <string>
+#include <utility>
 #include <vector>
 
 #include <hmisvc/broadcast.h>
@@ -125,7 +127,11 @@ private:
         hmisvc::ServiceOptions options;
         options.callLimit = 500ms;
         options.onStateChange = [this, who](hmisvc::ServiceState state) {
-            gui([this, who, up = state == hmisvc::ServiceState::Up] { show_state(who, up, true); });
+            gui([this, who, up = state == hmisvc::ServiceState::Up] {
+                show_state(who, up);
+                if (!up)
+                    unavailable();
+            });
         };
         return options;
     }
@@ -134,10 +140,10 @@ private:
         hmisvc::ReceivingOptions options;
         options.onStateChange = [this](hmisvc::ReceivingState state) {
             if (state == hmisvc::ReceivingState::Down)
-                gui([this] { show_state("broadcasts", false, false); });
+                gui([this] { show_state("broadcasts", false); });
             if (state == hmisvc::ReceivingState::Receiving)
                 gui([this] {
-                    show_state("broadcasts", true, false);
+                    show_state("broadcasts", true);
                     loaded(Receiver);
                 });
         };
@@ -147,8 +153,8 @@ private:
     // From here on, on the GUI thread.
 
     // A source that went down gets a status line: "service down", then
-    // "reconnected". A service that is back is read again.
-    void show_state(const QString &who, bool up, bool reload)
+    // "reconnected" (for a service: once the panel's next read is answered).
+    void show_state(const QString &who, bool up)
     {
         if (up && !states_.contains(who))
             return; // up as expected
@@ -157,19 +163,19 @@ private:
         for (auto it = states_.cbegin(); it != states_.cend(); ++it)
             lines << it.key() + ": " + it.value();
         status_->setText(lines.join('\n'));
-        if (!up)
-            unavailable();
-        else if (reload)
-            load();
+    }
+
+    // On a pool thread.
+    Levels read_levels()
+    {
+        return Levels{backlight_.call(&BacklightManager::GetBrightness),
+                      backlight_.call(&BacklightManager::GetMaxBrightness)};
     }
 
     void load()
     {
         off_gui(
-            [this] {
-                return Levels{backlight_.call(&BacklightManager::GetBrightness),
-                              backlight_.call(&BacklightManager::GetMaxBrightness)};
-            },
+            [this] { return read_levels(); },
             [this](const Levels &levels) {
                 if (show_brightness(levels))
                     loaded(Brightness);
@@ -202,8 +208,7 @@ private:
         off_gui(
             [this, value] {
                 backlight_.call(&BacklightManager::SetBrightness, value);
-                return Levels{backlight_.call(&BacklightManager::GetBrightness),
-                              backlight_.call(&BacklightManager::GetMaxBrightness)};
+                return read_levels();
             },
             [this](const Levels &levels) {
                 show_brightness(levels);
@@ -325,8 +330,9 @@ int main(int argc, char **argv)
             return 2;
         }
     }
-    // Never destroyed: a call from the thread pool may still be waiting out
-    // its limit when the window closes, and it uses the panel afterwards.
+    // Never destroyed: a pool thread may still be waiting out a call's limit
+    // when the window closes, and the broadcast endpoints read the filter
+    // for good.
     auto *panel = new Panel(level, parser.isSet("print-state"));
     panel->show();
     return app.exec();
