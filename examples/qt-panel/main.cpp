@@ -1,12 +1,15 @@
 // An operator panel as HMI applications are written on this library: a
-// brightness slider, the Wi-Fi networks in range, and the last "show
-// settings" broadcast.
+// brightness slider, the Wi-Fi networks in range, the last "show settings"
+// broadcast, and whether the services are there.
 //
-// Two rules shape it. Proxy calls block until the service answers, with no
-// time limit, so they never run on the GUI thread: one service thread owns
-// the proxies and hands results back with queued calls. Receivers run on
-// threads the library starts, so onReceive copies what it needs out of the
-// intent and hands it to the GUI thread the same way.
+// The supervised layer does the service work. Every call has a 500 ms limit
+// and runs on a worker of its handle, so a stopped service costs a "timed
+// out" result, not a frozen window; the GUI thread still waits for no call:
+// calls are made from Qt's thread pool and their results posted back. The
+// handles and the receiver report the services going and coming back; the
+// panel shows it and reads them again. Receivers run on the supervised
+// receiver's handler thread; onReceive copies what it needs and posts it to
+// the GUI thread.
 //
 //   qt-panel [--set-brightness N] [--print-state]
 //
@@ -18,49 +21,30 @@
 #include <QCommandLineParser>
 #include <QLabel>
 #include <QListWidget>
+#include <QMap>
 #include <QSignalBlocker>
 #include <QSlider>
-#include <QThread>
+#include <QThreadPool>
+#include <QTimer>
 #include <QVBoxLayout>
 #include <QWidget>
 
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <memory>
-#include <string>
+#include <utility>
 #include <vector>
 
 #include <hmisvc/broadcast.h>
-#include <hmisvc/context.h>
 #include <hmisvc/proxies.h>
+#include <hmisvc/receiving.h>
 #include <hmisvc/records.h>
-#include <hmisvc/wait.h>
+#include <hmisvc/service.h>
 
 namespace {
 
 using namespace std::chrono_literals;
-
-// Runs posted work in order on a thread of its own. Its stack is ample: a
-// proxy call alone needs more than 40 KB.
-class ServiceThread {
-public:
-    ServiceThread()
-    {
-        thread_.setStackSize(512 * 1024);
-        thread_.start();
-        context_.moveToThread(&thread_);
-    }
-    ~ServiceThread()
-    {
-        thread_.quit();
-        thread_.wait();
-    }
-    template <class F> void post(F work) { QMetaObject::invokeMethod(&context_, std::move(work), Qt::QueuedConnection); }
-
-private:
-    QThread thread_;
-    QObject context_;
-};
 
 // Hands each intent to the GUI thread; the intent itself stays here.
 class PanelReceiver : public BroadcastReceiver {
@@ -78,14 +62,21 @@ private:
     std::function<void(QString)> show_;
 };
 
+// What the backlight says; the panel shows both or neither.
+struct Levels {
+    hmisvc::Result<int> level, max;
+};
+
 class Panel : public QWidget {
 public:
     Panel(int set_brightness, bool print_state)
-        : set_brightness_(set_brightness), print_state_(print_state),
-          receiver_(this, [this](QString text) { show_broadcast(text); })
+        : set_brightness_(set_brightness), print_state_(print_state), backlight_(options("backlight")),
+          wifi_(options("Wi-Fi")), receiver_(this, [this](QString text) { show_broadcast(text); }),
+          receiving_(receivingOptions())
     {
         setWindowTitle("Panel");
         auto *layout = new QVBoxLayout(this);
+        layout->addWidget(status_);
         layout->addWidget(new QLabel("Brightness"));
         slider_->setOrientation(Qt::Horizontal);
         slider_->setTracking(false); // one call when the finger lifts, not per step
@@ -93,80 +84,165 @@ public:
         layout->addWidget(slider_);
         layout->addWidget(level_);
         layout->addWidget(new QLabel("Wi-Fi networks"));
-        layout->addWidget(wifi_);
+        layout->addWidget(networks_);
         layout->addWidget(broadcast_);
         broadcast_->setText("no broadcast yet");
         connect(slider_, &QSlider::valueChanged, this, [this](int value) { apply_brightness(value); });
         filter_.addAction(Intent::ACTION_SHOW_SETTINGS);
-        services_.post([this] { load(); });
+        receiving_.registerReceiver(&receiver_, &filter_);
+        load();
+        if (print_state_)
+            QTimer::singleShot(30s, this, [this] {
+                fail(status_, QString("nothing to print after 30 s (brightness: %1; broadcast: %2)")
+                                  .arg(level_->text(), broadcast_->text()));
+            });
+        off_gui([this] { return receiving_.start(10s); },
+                [this](bool receiving) {
+                    if (!receiving)
+                        return fail(broadcast_, "broadcasts do not arrive");
+                    if (print_state_) {
+                        std::printf("receiving\n"); // a broadcast sent from now on arrives
+                        std::fflush(stdout);
+                    }
+                });
     }
 
 private:
-    // On the service thread: every proxy call of the panel happens here.
+    enum Part { Brightness = 1, Networks = 2, Receiver = 4, All = 7 };
+
+    // Runs call on Qt's thread pool and then with its result on the GUI
+    // thread. The handles' call limit bounds how long a pool thread waits.
+    template <class Call, class Then> void off_gui(Call call, Then then)
+    {
+        QThreadPool::globalInstance()->start([this, call, then] {
+            auto result = call();
+            gui([then, result] { then(result); });
+        });
+    }
+    template <class F> void gui(F work) { QMetaObject::invokeMethod(this, std::move(work), Qt::QueuedConnection); }
+
+    // The layer reports state changes on its own threads.
+    hmisvc::ServiceOptions options(const QString &who)
+    {
+        hmisvc::ServiceOptions options;
+        options.callLimit = 500ms;
+        options.onStateChange = [this, who](hmisvc::ServiceState state) {
+            gui([this, who, up = state == hmisvc::ServiceState::Up] {
+                show_state(who, up);
+                if (!up)
+                    unavailable();
+            });
+        };
+        return options;
+    }
+    hmisvc::ReceivingOptions receivingOptions()
+    {
+        hmisvc::ReceivingOptions options;
+        options.onStateChange = [this](hmisvc::ReceivingState state) {
+            if (state == hmisvc::ReceivingState::Down)
+                gui([this] { show_state("broadcasts", false); });
+            if (state == hmisvc::ReceivingState::Receiving)
+                gui([this] {
+                    show_state("broadcasts", true);
+                    loaded(Receiver);
+                });
+        };
+        return options;
+    }
+
+    // From here on, on the GUI thread.
+
+    // A source that went down gets a status line: "service down", then
+    // "reconnected" (for a service: once the panel's next read is answered).
+    void show_state(const QString &who, bool up)
+    {
+        if (up && !states_.contains(who))
+            return; // up as expected
+        states_[who] = up ? "reconnected" : "service down";
+        QStringList lines;
+        for (auto it = states_.cbegin(); it != states_.cend(); ++it)
+            lines << it.key() + ": " + it.value();
+        status_->setText(lines.join('\n'));
+    }
+
+    // On a pool thread.
+    Levels read_levels()
+    {
+        return Levels{backlight_.call(&BacklightManager::GetBrightness),
+                      backlight_.call(&BacklightManager::GetMaxBrightness)};
+    }
+
     void load()
     {
-        if (!hmisvc::waitForService(Context::BACKLIGHT_SERVICE, 10s)) {
-            gui([this] { fail(level_, "backlight service not running"); });
-            return;
-        }
-        backlight_ = std::dynamic_pointer_cast<BacklightManager>(Context::getSystemService(Context::BACKLIGHT_SERVICE));
-        const int max = backlight_->GetMaxBrightness();
-        const int level = backlight_->GetBrightness();
-        gui([this, max, level] { show_brightness(level, max); });
-
-        std::vector<WifiList> networks;
-        if (auto wifi = std::dynamic_pointer_cast<WifiManager>(Context::getSystemService(Context::WIFIINFO_SERVICE)))
-            wifi->GetWifilist(networks);
-        QStringList rows;
-        // The simulator fills text1 with the SSID and value with the signal
-        // in dBm; the device's service defines its own fields.
-        for (WifiList &n : networks)
-            rows << QString("%1 (%2 dBm)").arg(QString::fromStdString(n.text1)).arg(n.value);
-        gui([this, rows] {
-            wifi_->addItems(rows);
-            done_loading();
-        });
-
-        BroadcastService *service = Context::CreateBroadcastService();
-        service->registerReceiver(&receiver_, &filter_);
-        if (!hmisvc::waitForReceiving(service, 10s)) {
-            gui([this] { fail(broadcast_, "broadcasts do not arrive"); });
-            return;
-        }
-        gui([this] {
-            if (print_state_) {
-                std::printf("receiving\n"); // a broadcast sent from now on arrives
-                std::fflush(stdout);
-            }
-            done_loading();
-        });
+        off_gui(
+            [this] { return read_levels(); },
+            [this](const Levels &levels) {
+                if (show_brightness(levels))
+                    loaded(Brightness);
+            });
+        off_gui(
+            [this] {
+                std::vector<WifiList> networks;
+                const hmisvc::Result<bool> listed = wifi_.call(&WifiManager::GetWifilist, networks);
+                QStringList rows;
+                // The simulator fills text1 with the SSID and value with the
+                // signal in dBm; the device's service defines its own fields.
+                for (const WifiList &n : networks)
+                    rows << QString("%1 (%2 dBm)").arg(QString::fromStdString(n.text1)).arg(n.value);
+                return std::make_pair(listed.outcome(), rows);
+            },
+            [this](const std::pair<hmisvc::Outcome, QStringList> &listed) {
+                networks_->clear();
+                if (listed.first != hmisvc::Outcome::Ok) {
+                    networks_->addItem(QString("unavailable (%1)").arg(hmisvc::outcomeName(listed.first)));
+                    return unavailable();
+                }
+                networks_->addItems(listed.second);
+                loaded(Networks);
+            });
     }
 
     void apply_brightness(int value)
     {
         level_->setText("setting...");
-        services_.post([this, value] {
-            backlight_->SetBrightness(value);
-            const int level = backlight_->GetBrightness();
-            const int max = backlight_->GetMaxBrightness();
-            gui([this, level, max] {
-                show_brightness(level, max);
+        off_gui(
+            [this, value] {
+                backlight_.call(&BacklightManager::SetBrightness, value);
+                return read_levels();
+            },
+            [this](const Levels &levels) {
+                show_brightness(levels);
                 brightness_applied_ = true;
                 maybe_print();
             });
-        });
     }
 
-    // On the GUI thread from here on.
-    template <class F> void gui(F work) { QMetaObject::invokeMethod(this, std::move(work), Qt::QueuedConnection); }
-
-    void show_brightness(int level, int max)
+    bool show_brightness(const Levels &levels)
     {
         const QSignalBlocker quiet(slider_); // showing the level is not a change
-        slider_->setRange(0, max);
-        slider_->setValue(level);
-        slider_->setEnabled(level >= 0);
-        level_->setText(level >= 0 ? QString("%1 of %2").arg(level).arg(max) : "unavailable");
+        const bool ok = levels.level && levels.max;
+        slider_->setEnabled(ok);
+        if (!ok) {
+            const hmisvc::Outcome why = levels.level ? levels.max.outcome() : levels.level.outcome();
+            level_->setText(QString("unavailable (%1)").arg(hmisvc::outcomeName(why)));
+            unavailable();
+            return false;
+        }
+        slider_->setRange(0, *levels.max);
+        slider_->setValue(*levels.level);
+        level_->setText(QString("%1 of %2").arg(*levels.level).arg(*levels.max));
+        return true;
+    }
+
+    // Read the services again a second later.
+    void unavailable()
+    {
+        if (std::exchange(retry_pending_, true))
+            return;
+        QTimer::singleShot(1s, this, [this] {
+            retry_pending_ = false;
+            load();
+        });
     }
 
     // Shown in the panel; a --print-state run ends there, unsuccessfully.
@@ -185,9 +261,12 @@ private:
         maybe_print();
     }
 
-    void done_loading()
+    // Each part counts once, however often the services are read again.
+    void loaded(Part part)
     {
-        if (++loaded_ < 2)
+        const int before = loaded_;
+        loaded_ |= part;
+        if (before == All || loaded_ != All)
             return;
         if (set_brightness_ >= 0)
             slider_->setValue(set_brightness_); // as the user would
@@ -198,11 +277,11 @@ private:
 
     void maybe_print()
     {
-        if (!print_state_ || loaded_ < 2 || !brightness_applied_ || broadcast_->text() == "no broadcast yet")
+        if (!print_state_ || loaded_ != All || !brightness_applied_ || broadcast_->text() == "no broadcast yet")
             return;
         std::printf("brightness: %s\n", level_->text().toUtf8().constData());
-        for (int i = 0; i < wifi_->count(); ++i)
-            std::printf("wifi: %s\n", wifi_->item(i)->text().toUtf8().constData());
+        for (int i = 0; i < networks_->count(); ++i)
+            std::printf("wifi: %s\n", networks_->item(i)->text().toUtf8().constData());
         std::printf("broadcast: %s\n", broadcast_->text().toUtf8().constData());
         std::fflush(stdout);
         QApplication::quit();
@@ -210,18 +289,19 @@ private:
 
     const int set_brightness_;
     const bool print_state_;
+    QLabel *status_ = new QLabel;
     QSlider *slider_ = new QSlider;
     QLabel *level_ = new QLabel("loading...");
-    QListWidget *wifi_ = new QListWidget;
+    QListWidget *networks_ = new QListWidget;
     QLabel *broadcast_ = new QLabel;
+    QMap<QString, QString> states_;
     int loaded_ = 0;
-    bool brightness_applied_ = false;
-    // Receiver and filter must outlive the broadcast service: the panel is
-    // built once and lives until the process ends.
+    bool brightness_applied_ = false, retry_pending_ = false;
+    hmisvc::Service<BacklightManager> backlight_;
+    hmisvc::Service<WifiManager> wifi_;
     PanelReceiver receiver_;
     IntentFilter filter_;
-    std::shared_ptr<BacklightManager> backlight_; // used on the service thread only
-    ServiceThread services_;                      // last member: stops first
+    hmisvc::Receiving receiving_; // uses receiver_ and filter_: goes first
 };
 
 } // namespace
@@ -250,8 +330,9 @@ int main(int argc, char **argv)
             return 2;
         }
     }
-    // Built once and never destroyed: the broadcast service keeps pointers
-    // to its receiver for the rest of the process.
+    // Never destroyed: a pool thread may still be waiting out a call's limit
+    // when the window closes, and the broadcast endpoints read the filter
+    // for good.
     auto *panel = new Panel(level, parser.isSet("print-state"));
     panel->show();
     return app.exec();

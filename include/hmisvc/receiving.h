@@ -48,20 +48,23 @@ struct ReceivingOptions {
     /// What a full queue drops.
     Overflow overflow = Overflow::DropOldest;
     /// How long one endpoint may take to receive a probe before it is
-    /// made again.
+    /// made again (at least 1 s: an endpoint given up keeps its thread).
     std::chrono::milliseconds readyLimit{10000};
     /// Called on every change of state(), on a thread of the layer; keep it
     /// short and do not destroy the Receiving from it.
     std::function<void(ReceivingState)> onStateChange;
-    /// Called on a handler thread with what an onReceive threw; by default
-    /// the exception's text is written to standard error. Either way the
-    /// delivery counts in ReceivingStats::handlerErrors and the thread goes on.
+    /// Called on a handler thread with what an onReceive threw (it must not
+    /// throw itself); by default one line "hmisvc: a receiver threw: " and
+    /// the exception's text goes to standard error. Either way the delivery
+    /// counts in ReceivingStats::handlerErrors and the thread goes on.
     std::function<void(std::exception_ptr)> onHandlerError;
 };
 
-/// Counters of a Receiving, all since it was made.
+/// Counters of a Receiving, all since it was made. Every delivery counted in
+/// received ends in exactly one of handled, handlerErrors, dropped, queued,
+/// or is being handled now.
 struct ReceivingStats {
-    std::uint64_t received = 0;      ///< deliveries that reached a registered receiver's filter
+    std::uint64_t received = 0;      ///< deliveries to a registered receiver (one per matching receiver) from the current endpoint
     std::uint64_t handled = 0;       ///< onReceive calls that returned
     std::uint64_t dropped = 0;       ///< deliveries the full queue gave up
     std::uint64_t handlerErrors = 0; ///< onReceive calls that threw
@@ -89,27 +92,42 @@ class ReceivingCore;
 /// dropped; ReceivingStats::dropped counts it. A receiver is called with the
 /// BroadcastService that received the delivery.
 ///
-/// An endpoint the layer replaced keeps its thread, as every endpoint does
-/// (one parked thread per restart of the broadcast service).
+/// Threads: a fixed number of handler threads and one supervisor thread,
+/// started by start(). The designed dispatch threads that carry a delivery
+/// to the layer end at once (they only queue it). An endpoint the layer
+/// replaced keeps its thread, as every endpoint does (one parked thread per
+/// restart of the broadcast service), and receives nothing more: deliveries
+/// reaching it are ignored.
+///
+/// Lifetimes: the designed services made for it are never deleted, nor the
+/// small forwarding receivers the layer registers on them in place of the
+/// application's receivers (one per registered receiver); after the
+/// Receiving is destroyed they drop what arrives. The application's filters
+/// stay referenced by those services: keep them for the process.
 class HMISVC_API Receiving {
 public:
     /// A stopped receiver; nothing is started before start().
     explicit Receiving(ReceivingOptions options = {});
     /// Stops the handler threads (after the onReceive calls under way) and
-    /// drops what is queued. Receivers and filters are no longer used
-    /// afterwards.
+    /// the supervisor, and drops what is queued. Receivers are no longer
+    /// called afterwards; filters are still read by the designed services
+    /// (see the class notes).
     ~Receiving();
     Receiving(const Receiving &) = delete;            ///< Not copyable.
     Receiving &operator=(const Receiving &) = delete; ///< Not copyable.
 
     /// Adds @p receiver with @p filter, as BroadcastService::registerReceiver
     /// does: a receiver already registered keeps its first filter, the
-    /// filter is referenced (actions added later count), and both must
-    /// outlive the Receiving. Register before start(): the designed
+    /// filter is referenced (actions added later count). The receiver must
+    /// outlive the Receiving, the filter the process (the designed
+    /// endpoints keep reading it). Register before start(): the designed
     /// registry is not locked against a delivery under way.
+    /// @throws std::invalid_argument when @p receiver or @p filter is null.
     void registerReceiver(BroadcastReceiver *receiver, IntentFilter *filter);
 
-    /// Makes the endpoint and waits until it receives.
+    /// Starts the handler threads and the supervisor, which makes the
+    /// endpoint once the broadcast service is registered, and waits until
+    /// it receives. A second call only waits.
     /// @param limit how long to wait at most.
     /// @return true once broadcasts sent now arrive; false when @p limit
     ///         passed first (the layer goes on trying in the background).

@@ -89,8 +89,11 @@ HMISVC_API bool runWithin(ServiceCore &core, const std::shared_ptr<Job> &job, st
 /// Looks the service up now unless the handle has a proxy, waiting up to
 /// @p limit; whether it has one.
 HMISVC_API bool connect(ServiceCore &core, std::chrono::milliseconds limit);
+/// Where the service stands, as far as the handle knows.
 HMISVC_API ServiceState state(const ServiceCore &core);
+/// The service's name.
 HMISVC_API const std::string &name(const ServiceCore &core);
+/// The time limit of the handle's calls (ServiceOptions::callLimit).
 HMISVC_API std::chrono::milliseconds callLimit(const ServiceCore &core);
 
 /// Calls @p method on @p proxy and returns what became of it; an exception
@@ -129,7 +132,8 @@ Result<R> invoke(ServiceCore &core, const std::shared_ptr<ServiceManager> &proxy
 /// (non-const references) copied back when the call finished in time.
 template <class Proxy, class R, class... P> class MethodJob final : public Job {
 public:
-    using Method = R (Proxy::*)(P...);
+    using Method = R (Proxy::*)(P...); ///< The proxy method called.
+    /// A call of @p method with copies of @p args, for a handle's @p core.
     template <class... A>
     MethodJob(ServiceCore &core, Method method, A &&...args)
         : core_(core), method_(method), args_(std::forward<A>(args)...)
@@ -146,7 +150,8 @@ public:
             [&](auto &...a) { return invoke<Proxy>(core_, proxy, method_, a...); }, args_);
         outcome = result_.outcome();
     }
-    // Hands the result to the caller's thread.
+    /// Hands the result to the caller's thread, copying out-parameters back
+    /// into @p args.
     template <class... A> Result<R> finish(A &...args)
     {
         copyBack(std::index_sequence_for<P...>{}, args...);
