@@ -159,13 +159,21 @@ TEST(SupervisedService, AStoppedServiceTimesOutWithBoundedThreads)
 
 bool sim(const std::string &args)
 {
+#ifdef HMISVC_CLI
     return std::system((std::string(HMISVC_CLI) + " sim " + args + " > /dev/null").c_str()) == 0;
+#else
+    (void)args;
+    return false;
+#endif
 }
 
 // Each kind of failure on a real call, through a plain proxy (the thread's
 // last outcome) and through a handle (the result).
 TEST(Outcomes, EachKindOfFailureOnARealCall)
 {
+#ifndef HMISVC_CLI
+    GTEST_SKIP() << "needs the hmisvc tool to inject failures";
+#endif
     SystemManager plain;
     hmisvc::Service<SystemManager> system;
     hmisvc::ServiceOptions none;
