@@ -6,7 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <ctime>
+#include <fstream>
 
 namespace peer {
 
@@ -124,6 +126,15 @@ bool eventually(const std::function<bool()> &pred, int tries)
         nanosleep(&pause, nullptr);
     }
     return false;
+}
+
+int threads_of(const std::string &process)
+{
+    std::ifstream status("/proc/" + process + "/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("Threads:", 0) == 0)
+            return std::atoi(line.c_str() + 8);
+    return -1;
 }
 
 }  // namespace peer

@@ -56,6 +56,9 @@ bool service_found(const char *name);
 bool start_service_manager(const char *path);
 void stop_service_manager();
 
+// The thread count of a process ("self" or a pid); -1 when it is gone.
+int threads_of(const std::string &process = "self");
+
 // Polls `pred` up to `tries` times, 10 ms apart; true as soon as it holds.
 bool eventually(const std::function<bool()> &pred, int tries = 500);
 

@@ -52,23 +52,13 @@ public:
     void TearDown() override { peer::stop_service_manager(); }
 };
 
-// The thread count of a process ("self" or a pid).
-int threads_of(const std::string &process = "self")
-{
-    std::ifstream status("/proc/" + process + "/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("Threads:", 0) == 0)
-            return std::atoi(line.c_str() + 8);
-    return -1;
-}
-
 // The highest thread count of the process while it lives (sampled every ms).
 class ThreadSampler {
 public:
     ThreadSampler()
         : thread_([this] {
               while (!stop_) {
-                  highest_ = std::max(highest_.load(), threads_of());
+                  highest_ = std::max(highest_.load(), peer::threads_of());
                   std::this_thread::sleep_for(1ms);
               }
           })
@@ -277,7 +267,7 @@ TEST(DesignedOnly, BurstToASlowReceiverFateIsPrinted)
             std::printf("designed-only burst: still running after 300 s, killed\n");
             return;
         }
-        highest = std::max(highest, threads_of(std::to_string(pid)));
+        highest = std::max(highest, peer::threads_of(std::to_string(pid)));
         std::this_thread::sleep_for(1ms);
     }
     if (WIFSIGNALED(status))

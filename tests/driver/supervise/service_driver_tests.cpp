@@ -16,7 +16,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -53,15 +52,6 @@ public:
 double ms_since(Clock::time_point start)
 {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-int threads_now()
-{
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("Threads:", 0) == 0)
-            return std::stoi(line.substr(8));
-    return -1;
 }
 
 // Counts the state changes a handle reports.
@@ -133,7 +123,7 @@ TEST(SupervisedService, AStoppedServiceTimesOutWithBoundedThreads)
     Changes changes;
     hmisvc::Service<BacklightManager> backlight(changes.options(kLimit));
     ASSERT_TRUE(backlight.call(&BacklightManager::GetBrightness).ok());
-    const int before = threads_now();
+    const int before = peer::threads_of();
 
     ASSERT_EQ(kill(g_devsim->pid(), SIGSTOP), 0);
     double slowest = 0;
@@ -143,7 +133,7 @@ TEST(SupervisedService, AStoppedServiceTimesOutWithBoundedThreads)
         const auto r = backlight.call(&BacklightManager::GetBrightness);
         slowest = std::max(slowest, ms_since(start));
         timed_out += r.outcome() == Outcome::TimedOut;
-        most_threads = std::max(most_threads, threads_now());
+        most_threads = std::max(most_threads, peer::threads_of());
     }
     ASSERT_EQ(kill(g_devsim->pid(), SIGCONT), 0);
 
