@@ -10,7 +10,9 @@
 
 namespace hmisvc::detail {
 
-extern thread_local Outcome t_last_outcome;
+// Constant-initialised where every user sees it, so no call checks for
+// a dynamic initialiser on each access.
+inline thread_local Outcome t_last_outcome = Outcome::Ok;
 
 // Records one call: Ok from the start, a failure as the call finds it; an
 // exception that leaves the call after a good transaction (a reply that

@@ -5,8 +5,6 @@
 namespace hmisvc {
 
 namespace detail {
-thread_local Outcome t_last_outcome = Outcome::Ok;
-
 void setLastOutcome(Outcome outcome) noexcept { t_last_outcome = outcome; }
 } // namespace detail
 

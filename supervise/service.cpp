@@ -55,12 +55,15 @@ public:
         change(ServiceState::Down);
     }
 
-    std::shared_ptr<ServiceManager> acquire(Outcome &why, Clock::time_point until)
+    // The clock is read only when there is no proxy: a call should cost
+    // what a plain proxy call does.
+    std::shared_ptr<ServiceManager> acquire(Outcome &why, std::chrono::milliseconds limit)
     {
         std::unique_lock<std::mutex> lock(mutex_);
         if (proxy_ && deaths(watch_) == seen_)
             return proxy_;
         proxy_.reset();
+        const auto until = Clock::now() + limit;
         for (;;) {
             const std::uint64_t before = deaths(watch_);
             if (Watcher::instance().link(watch_)) {
@@ -174,7 +177,7 @@ private:
             job->started_ = true;
             lock.unlock();
             Outcome why = Outcome::Ok;
-            auto proxy = acquire(why, Clock::now() + options_.lookupLimit);
+            auto proxy = acquire(why, options_.lookupLimit);
             job->run(proxy, why);
             lock.lock();
             job->done_ = true;
@@ -212,13 +215,13 @@ void closeServiceCore(ServiceCore &core) noexcept { core.close(); }
 
 std::shared_ptr<ServiceManager> acquire(ServiceCore &core, Outcome &why)
 {
-    return core.acquire(why, Clock::now() + core.lookupLimit());
+    return core.acquire(why, core.lookupLimit());
 }
 
 bool connect(ServiceCore &core, std::chrono::milliseconds limit)
 {
     Outcome why = Outcome::Ok;
-    return core.acquire(why, Clock::now() + limit) != nullptr;
+    return core.acquire(why, limit) != nullptr;
 }
 
 void settle(ServiceCore &core, const std::shared_ptr<ServiceManager> &proxy, Outcome outcome)
