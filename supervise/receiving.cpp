@@ -52,8 +52,10 @@ constexpr std::chrono::milliseconds kPoll{10};
 // The supervisor waits for a probe in rounds this long, so that it notices
 // being stopped or the broadcast service dying meanwhile.
 constexpr std::chrono::milliseconds kProbeRound{250};
-// An endpoint given up keeps its thread: do not give them up quickly.
+// An endpoint given up keeps its thread: do not give them up quickly, nor
+// often while the broadcast service lives.
 constexpr std::chrono::milliseconds kMinReadyLimit{1000};
+constexpr unsigned kRemakes = 3;
 
 struct Delivery {
     BroadcastReceiver *receiver;
@@ -263,6 +265,9 @@ private:
     // broadcast service seen when it was made (or at once when stopping).
     std::uint64_t connect()
     {
+        BroadcastService *service = nullptr;
+        std::uint64_t made_at = 0; // deaths when `service` was made
+        unsigned remade = 0;       // endpoints given up since then
         for (;;) {
             const std::uint64_t before = deaths(*watch_);
             if (stopping())
@@ -272,7 +277,13 @@ private:
                 pause(kPoll);
                 continue;
             }
-            BroadcastService *service = makeEndpoint();
+            // Each endpoint given up keeps a thread: without a death, only
+            // a few are made before the last one is simply probed again.
+            if (service == nullptr || made_at != before || remade < kRemakes) {
+                remade = service != nullptr && made_at == before ? remade + 1 : 0;
+                service = makeEndpoint();
+                made_at = before;
+            }
             if (receives(service, before) && Watcher::instance().link(*watch_) &&
                 change(ReceivingState::Receiving, &before))
                 return before;

@@ -48,7 +48,9 @@ struct ReceivingOptions {
     /// What a full queue drops.
     Overflow overflow = Overflow::DropOldest;
     /// How long one endpoint may take to receive a probe before it is
-    /// made again (at least 1 s: an endpoint given up keeps its thread).
+    /// made again (at least 1 s). An endpoint given up keeps its thread, so
+    /// while the broadcast service lives an endpoint is made again at most
+    /// 3 times; after that the last one is probed until it receives.
     std::chrono::milliseconds readyLimit{10000};
     /// Called on every change of state(), on a thread of the layer; keep it
     /// short and do not destroy the Receiving from it.
