@@ -191,8 +191,13 @@ public:
         work_.notify_one();
     }
 
-    void serviceDied(const std::string &) override
+    // Only the death of the registration the endpoint was made for counts:
+    // an older one may die late.
+    void serviceDied(const std::string &, std::uint64_t generation) override
     {
+        if (generation != generation_.load())
+            return;
+        lost_.fetch_add(1);
         change(ReceivingState::Down);
         std::lock_guard<std::mutex> lock(mutex_);
         wake_.notify_all();
@@ -255,7 +260,7 @@ private:
         for (;;) {
             const std::uint64_t settled = connect();
             std::unique_lock<std::mutex> lock(mutex_);
-            wake_.wait(lock, [&] { return stopping_ || deaths(*watch_) != settled; });
+            wake_.wait(lock, [&] { return stopping_ || lost_.load() != settled; });
             if (stopping_)
                 return;
         }
@@ -269,23 +274,26 @@ private:
         std::uint64_t made_at = 0; // deaths when `service` was made
         unsigned remade = 0;       // endpoints given up since then
         for (;;) {
-            const std::uint64_t before = deaths(*watch_);
+            const std::uint64_t before = lost_.load();
             if (stopping())
                 return before;
             // Linking the death watch also says the service is registered.
-            if (!Watcher::instance().link(*watch_)) {
+            const std::uint64_t generation = Watcher::instance().link(*watch_);
+            if (generation == 0) {
                 pause(kPoll);
                 continue;
             }
-            // Each endpoint given up keeps a thread: without a death, only
-            // a few are made before the last one is simply probed again.
-            if (service == nullptr || made_at != before || remade < kRemakes) {
-                remade = service != nullptr && made_at == before ? remade + 1 : 0;
+            // Each endpoint given up keeps a thread: without a death or a new
+            // registration, only a few are made before the last one is
+            // simply probed again.
+            const bool same = service != nullptr && made_at == before && generation == generation_.load();
+            if (!same || remade < kRemakes) {
+                remade = same ? remade + 1 : 0;
+                generation_ = generation;
                 service = makeEndpoint();
                 made_at = before;
             }
-            if (receives(service, before) && Watcher::instance().link(*watch_) &&
-                change(ReceivingState::Receiving, &before))
+            if (receives(service, before) && change(ReceivingState::Receiving, &before))
                 return before;
         }
     }
@@ -310,7 +318,10 @@ private:
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
             if (waitForReceiving(service, std::max(std::chrono::milliseconds(0), std::min(left, kProbeRound))))
                 return true;
-            if (Clock::now() >= deadline || deaths(*watch_) != before || stopping())
+            // A registration that changed (the old one may die late) needs a
+            // new endpoint.
+            if (Clock::now() >= deadline || lost_.load() != before || stopping() ||
+                Watcher::instance().link(*watch_) != generation_.load())
                 return false;
         }
     }
@@ -333,7 +344,7 @@ private:
     bool change(ReceivingState to, const std::uint64_t *before = nullptr)
     {
         std::lock_guard<std::mutex> lock(callback_mutex_);
-        if (closed_ || (before != nullptr && deaths(*watch_) != *before))
+        if (closed_ || (before != nullptr && lost_.load() != *before))
             return false;
         if (state_.exchange(to) != to && options_.onStateChange)
             options_.onStateChange(to);
@@ -345,6 +356,8 @@ private:
     ReceivingOptions options_;
     Watch *watch_ = nullptr; // set by the first start()
     std::atomic<ReceivingState> state_{ReceivingState::Stopped};
+    std::atomic<std::uint64_t> generation_{0}; // of the registration the endpoint was made for
+    std::atomic<std::uint64_t> lost_{0};       // deaths of such registrations
 
     std::mutex callback_mutex_; // taken before mutex_
     bool closed_ = false;

@@ -46,10 +46,14 @@ public:
         options_.workers = std::max(1u, options_.workers);
     }
 
-    void serviceDied(const std::string &) override
+    // Only the death of the registration the proxy came from counts: an
+    // older one may die late, after a new proxy already answers.
+    void serviceDied(const std::string &, std::uint64_t generation) override
     {
         {
             std::lock_guard<std::mutex> lock(mutex_);
+            if (!proxy_ || generation != generation_)
+                return;
             proxy_.reset();
         }
         change(ServiceState::Down);
@@ -60,17 +64,25 @@ public:
     std::shared_ptr<ServiceManager> acquire(Outcome &why, std::chrono::milliseconds limit)
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        if (proxy_ && deaths(watch_) == seen_)
+        if (proxy_) {
+            // A registration died since: if it was not the proxy's, watch the
+            // one the name stands for now (the proxy's, unless it died too).
+            if (deaths(watch_) != seen_) {
+                seen_ = deaths(watch_);
+                if (const std::uint64_t generation = Watcher::instance().link(watch_))
+                    generation_ = generation;
+            }
             return proxy_;
-        proxy_.reset();
+        }
         const auto until = Clock::now() + limit;
         for (;;) {
-            const std::uint64_t before = deaths(watch_);
-            if (Watcher::instance().link(watch_)) {
+            seen_ = deaths(watch_);
+            // Linked first: a death from here on is the new proxy's.
+            if (const std::uint64_t generation = Watcher::instance().link(watch_)) {
                 auto proxy = Context::getSystemService(name_);
                 if (proxy && proxyUsable(*proxy)) {
                     proxy_ = std::move(proxy);
-                    seen_ = before;
+                    generation_ = generation;
                     return proxy_;
                 }
             }
@@ -192,7 +204,8 @@ private:
 
     std::mutex mutex_; // the proxy
     std::shared_ptr<ServiceManager> proxy_;
-    std::uint64_t seen_ = 0; // deaths of the service when the proxy was built
+    std::uint64_t generation_ = 0; // of the registration the proxy came from
+    std::uint64_t seen_ = 0;       // deaths of the name's registrations then
 
     std::recursive_mutex callback_mutex_; // a callback may call through the handle
     bool closed_ = false;

@@ -9,14 +9,17 @@
 #include <memory>
 #include <string>
 
+struct binder_connection;
+
 namespace hmisvc::detail {
 
-// Told when a watched service dies; called on the watch thread, with no
-// lock of the watch held.
+// Told when a registration of a watched name dies; called on the watch
+// thread, with no lock of the watcher held. `generation` is the one link()
+// gave for that registration.
 class DeathListener {
 public:
     virtual ~DeathListener() = default;
-    virtual void serviceDied(const std::string &name) = 0;
+    virtual void serviceDied(const std::string &name, std::uint64_t generation) = 0;
 };
 
 class Watch; // one per watched name, kept for the process
@@ -32,10 +35,11 @@ public:
     // The entry for `name`, made on first use.
     Watch &watch(const std::string &name);
 
-    // Links a death notification to the service `name` is registered as
-    // now, unless one is linked already. False when the name is not
-    // registered (or the driver cannot be opened).
-    bool link(Watch &watch);
+    // Looks the name up and links a death notification to the registration
+    // it names now, unless that one is linked already. Returns the link's
+    // generation (never 0), or 0 when the name is not registered (or the
+    // driver cannot be opened).
+    std::uint64_t link(Watch &watch);
 
     // Listeners are held weakly: a listener that is gone is skipped.
     void subscribe(Watch &watch, std::weak_ptr<DeathListener> listener);
@@ -45,13 +49,10 @@ public:
 
 private:
     Watcher();
+    static void died(binder_connection *bs, void *user);
     struct State;
     State *state_; // never freed: the watch thread runs for the process
 };
-
-// Whether `name` is registered now, asked on the watcher's connection
-// (prints nothing).
-bool registered(const std::string &name);
 
 } // namespace hmisvc::detail
 
