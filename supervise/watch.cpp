@@ -92,8 +92,6 @@ Watcher::Watcher() : state_(new State)
     }).detach();
 }
 
-bool Watcher::available() const { return state_->bs != nullptr; }
-
 Watch &Watcher::watch(const std::string &name)
 {
     std::lock_guard<std::mutex> lock(state_->mutex);

@@ -44,9 +44,6 @@ public:
     // Listeners are held weakly: a listener that is gone is skipped.
     void subscribe(Watch &watch, std::weak_ptr<DeathListener> listener);
 
-    // Whether death notifications work at all (the driver could be opened).
-    bool available() const;
-
 private:
     Watcher();
     static void died(binder_connection *bs, void *user);

@@ -59,9 +59,8 @@ class HMISVC_API Job {
 public:
     virtual ~Job();
     /// Makes the call with @p proxy (null when the service was not found by
-    /// @p why) and records its outcome.
+    /// @p why) and keeps its result.
     virtual void run(const std::shared_ptr<ServiceManager> &proxy, Outcome why) = 0;
-    Outcome outcome = Outcome::TimedOut; ///< what became of the call
 
 private:
     friend class ServiceCore;
@@ -141,14 +140,8 @@ public:
     }
     void run(const std::shared_ptr<ServiceManager> &proxy, Outcome why) override
     {
-        if (!proxy) {
-            outcome = why;
-            result_ = Result<R>(why);
-            return;
-        }
-        result_ = std::apply(
-            [&](auto &...a) { return invoke<Proxy>(core_, proxy, method_, a...); }, args_);
-        outcome = result_.outcome();
+        result_ = proxy ? std::apply([&](auto &...a) { return invoke<Proxy>(core_, proxy, method_, a...); }, args_)
+                        : Result<R>(why);
     }
     /// Hands the result to the caller's thread, copying out-parameters back
     /// into @p args.
@@ -245,8 +238,9 @@ public:
             detail::setLastOutcome(Outcome::TimedOut);
             return Result<R>(Outcome::TimedOut);
         }
-        detail::setLastOutcome(job->outcome);
-        return job->finish(args...);
+        Result<R> result = job->finish(args...);
+        detail::setLastOutcome(result.outcome());
+        return result;
     }
 
     /// Looks the service up now if the handle has no proxy, waiting up to
