@@ -18,6 +18,12 @@ include(CMakePackageConfigHelpers)
 
 # The programs, added after this file, make a package of their own.
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME tools)
+# Installed programs find the library of their own prefix, wherever it is
+# (cmake --install --prefix ~/hmisvc needs no LD_LIBRARY_PATH). Targets made
+# from here on take it; the library, made before, has none. Under /usr (the
+# packages, where Debian allows no such path) the library is on the default
+# search path and the path is dropped again: see _hmisvc_cpack below.
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
 install(TARGETS hmisvc EXPORT hmisvcTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
@@ -91,7 +97,7 @@ endfunction()
 # and pkg-config files), hmisvc-tools (the programs), each with a -dbgsym
 # package of detached debug symbols. The architecture follows the target, so
 # a cross build for the device gives armhf packages.
-set(HMISVC_DEB_MAINTAINER "hmisvc developers <hmisvc@users.noreply.example.org>" CACHE STRING
+set(HMISVC_DEB_MAINTAINER "hmisvc developers <maintainers@hmisvc.org>" CACHE STRING
   "Maintainer field of the Debian packages")
 set(CPACK_PACKAGE_NAME hmisvc)
 set(CPACK_PACKAGE_VENDOR hmisvc)
@@ -183,6 +189,19 @@ set(CPACK_HMISVC_LDCONFIG_TRIGGER ${_hmisvc_lib})
 
 # The package list is known once the tools are configured.
 macro(_hmisvc_cpack)
+  # Runs after every other install rule: the programs installed under /usr
+  # lose their RPATH.
+  install(CODE [[
+    if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+      foreach(file IN LISTS CMAKE_INSTALL_MANIFEST_FILES)
+        if(file MATCHES "/bin/[^/]+$" AND NOT IS_SYMLINK "${file}")
+          file(READ "${file}" magic LIMIT 4 HEX)
+          if(magic STREQUAL "7f454c46")
+            file(RPATH_REMOVE FILE "${file}")
+          endif()
+        endif()
+      endforeach()
+    endif()]] COMPONENT tools)
   set(CPACK_COMPONENTS_ALL runtime dev)
   if(HMISVC_BUILD_TOOLS)
     list(APPEND CPACK_COMPONENTS_ALL tools)

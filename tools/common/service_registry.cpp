@@ -8,8 +8,13 @@ namespace hmisvc::tools {
 
 ServiceRegistry::ServiceRegistry(binder_connection *bs) : bs_(bs) {}
 
-void ServiceRegistry::publish(const std::u16string &name, uint32_t handle)
+bool ServiceRegistry::publish(const std::u16string &name, uint32_t handle, pid_t pid, pid_t &holder)
 {
+    auto it = names_.find(name);
+    if (it != names_.end() && it->second.pid != pid) {
+        holder = it->second.pid;
+        return false;
+    }
     // Take the new reference before dropping the old one: a publisher
     // republishing the same object must not lose it in between.
     binder_acquire(bs_, handle);
@@ -21,18 +26,20 @@ void ServiceRegistry::publish(const std::u16string &name, uint32_t handle)
     }
     ++link->names;
 
-    auto [it, fresh] = names_.try_emplace(name, handle);
-    if (!fresh) {
-        uint32_t old = it->second;
-        it->second = handle;
-        unref(old);
+    if (it == names_.end()) {
+        names_.emplace(name, Entry{handle, pid});
+        return true;
     }
+    uint32_t old = it->second.handle;
+    it->second.handle = handle;
+    unref(old);
+    return true;
 }
 
 bool ServiceRegistry::remove(const std::u16string &name, uint32_t handle)
 {
     auto it = names_.find(name);
-    if (it == names_.end() || it->second != handle)
+    if (it == names_.end() || it->second.handle != handle)
         return false;
     names_.erase(it);
     unref(handle);
@@ -42,7 +49,7 @@ bool ServiceRegistry::remove(const std::u16string &name, uint32_t handle)
 uint32_t ServiceRegistry::lookup(const std::u16string &name) const
 {
     auto it = names_.find(name);
-    return it == names_.end() ? 0 : it->second;
+    return it == names_.end() ? 0 : it->second.handle;
 }
 
 bool ServiceRegistry::name_at(std::size_t n, std::u16string &name) const
@@ -67,8 +74,8 @@ void ServiceRegistry::died(Link &link)
 {
     uint32_t handle = link.handle;
     std::vector<std::u16string> gone;
-    for (const auto &[name, h] : names_)
-        if (h == handle)
+    for (const auto &[name, entry] : names_)
+        if (entry.handle == handle)
             gone.push_back(name);
     for (const auto &name : gone) {
         names_.erase(name);

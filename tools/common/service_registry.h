@@ -10,12 +10,14 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 
 namespace hmisvc::tools {
 
-// Each published name holds one strong reference on the publisher's object.
-// A publisher's death drops all of its names; publishing a taken name drops
-// the previous holder's reference.
+// Each published name holds one strong reference on the publisher's object
+// and belongs to the process that published it: only that process may
+// publish it anew (dropping the reference on the object it replaces). The
+// death of the object drops all of its names, which frees them for anyone.
 class ServiceRegistry {
 public:
     // Told of each name the registry drops because its publisher died.
@@ -26,8 +28,10 @@ public:
     ServiceRegistry &operator=(const ServiceRegistry &) = delete;
 
     // `handle` must be a reference this connection holds while the call
-    // runs (e.g. one that arrived in the request being served).
-    void publish(const std::u16string &name, uint32_t handle);
+    // runs (e.g. one that arrived in the request being served); `pid` is
+    // the publishing process. False, with the holder's pid in `holder`,
+    // when another process holds the name: nothing changes then.
+    bool publish(const std::u16string &name, uint32_t handle, pid_t pid, pid_t &holder);
     // Drops the name if `handle` is what it is published as (only its
     // publisher can send that object); false otherwise.
     bool remove(const std::u16string &name, uint32_t handle);
@@ -53,8 +57,13 @@ private:
     void died(Link &link);
     static void died_cb(binder_connection *bs, void *link);
 
+    struct Entry {
+        uint32_t handle;
+        pid_t pid;
+    };
+
     binder_connection *bs_;
-    std::map<std::u16string, uint32_t> names_;
+    std::map<std::u16string, Entry> names_;
     std::map<uint32_t, std::unique_ptr<Link>> links_;
     DeathHook death_hook_;
 };

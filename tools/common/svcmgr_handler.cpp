@@ -114,7 +114,13 @@ int SvcmgrHandler::publish(const binder_transaction_data &txn, binder_io &msg, b
     uint32_t handle = 0;
     if (const char *why = get_named_ref(msg, name, handle))
         return refuse(txn, why);
-    registry_.publish(name, handle);
+    pid_t holder = 0;
+    if (!registry_.publish(name, handle, txn.sender_pid, holder)) {
+        std::fprintf(stderr, "svcmgr: publish \"%s\" from pid %d refused: held by pid %d\n",
+                     printable(name).c_str(), txn.sender_pid, holder);
+        bio_put_uint32(&reply, kNameHeld);
+        return 0;
+    }
     if (trace_)
         std::fprintf(trace_, "svcmgr: publish \"%s\" from pid %d as handle %u\n",
                      printable(name).c_str(), txn.sender_pid, handle);

@@ -23,6 +23,10 @@ constexpr uint32_t kSvcmgrCodeUnpublish = 5;
 class SvcmgrHandler {
 public:
     static constexpr int kNoMoreNames = 1;
+    // Publish status for a name another living process holds. The refusal
+    // is also told on stderr, traced or not: it is someone's mistake or an
+    // attempt to take a service over.
+    static constexpr int kNameHeld = 1;
     // Status sent back for a request that is not a well-formed lookup or
     // publish.
     static constexpr int BAD_REQUEST = -1;
