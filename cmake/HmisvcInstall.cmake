@@ -193,7 +193,9 @@ macro(_hmisvc_cpack)
   # lose their RPATH.
   install(CODE [[
     if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
-      foreach(file IN LISTS CMAKE_INSTALL_MANIFEST_FILES)
+      # The manifest lists paths as installed, without the staging root.
+      foreach(installed IN LISTS CMAKE_INSTALL_MANIFEST_FILES)
+        set(file "$ENV{DESTDIR}${installed}")
         if(file MATCHES "/bin/[^/]+$" AND NOT IS_SYMLINK "${file}")
           file(READ "${file}" magic LIMIT 4 HEX)
           if(magic STREQUAL "7f454c46")
