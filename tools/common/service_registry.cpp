@@ -1,17 +1,43 @@
 #include "service_registry.h"
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <iterator>
+#include <string>
 #include <vector>
 
 namespace hmisvc::tools {
+
+namespace {
+
+// A holder that has exited (reaped, or a zombie, whose driver connection is
+// closed already) holds nothing, though the driver may not have told us of
+// its objects' deaths yet: a restarted publisher must not be refused then.
+bool gone(pid_t pid)
+{
+    if (pid <= 0)
+        return false;
+    if (kill(pid, 0) != 0)
+        return errno == ESRCH;
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line))
+        return false;
+    auto close = line.rfind(')');
+    return close != std::string::npos && close + 2 < line.size() &&
+           (line[close + 2] == 'Z' || line[close + 2] == 'X');
+}
+
+}  // namespace
 
 ServiceRegistry::ServiceRegistry(binder_connection *bs) : bs_(bs) {}
 
 bool ServiceRegistry::publish(const std::u16string &name, uint32_t handle, pid_t pid, pid_t &holder)
 {
     auto it = names_.find(name);
-    if (it != names_.end() && it->second.pid != pid) {
+    if (it != names_.end() && it->second.pid != pid && !gone(it->second.pid)) {
         holder = it->second.pid;
         return false;
     }
@@ -31,7 +57,7 @@ bool ServiceRegistry::publish(const std::u16string &name, uint32_t handle, pid_t
         return true;
     }
     uint32_t old = it->second.handle;
-    it->second.handle = handle;
+    it->second = Entry{handle, pid};
     unref(old);
     return true;
 }

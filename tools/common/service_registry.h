@@ -15,9 +15,10 @@
 namespace hmisvc::tools {
 
 // Each published name holds one strong reference on the publisher's object
-// and belongs to the process that published it: only that process may
-// publish it anew (dropping the reference on the object it replaces). The
-// death of the object drops all of its names, which frees them for anyone.
+// and belongs to the process that published it: while that process lives,
+// only it may publish the name anew (dropping the reference on the object it
+// replaces). The death of the object drops all of its names, which frees
+// them for anyone; so does the holder's exit, before that news arrives.
 class ServiceRegistry {
 public:
     // Told of each name the registry drops because its publisher died.
