@@ -36,6 +36,7 @@ constexpr std::uint32_t kMapSize = 4096;
 constexpr std::uint32_t kDeliver = 1;
 constexpr std::uint32_t kRegister = 0;
 const char *const kBroadcastService = "broadcast";
+constexpr std::uint32_t kNullLength = 0xffffffffu;
 
 // Reads `n` bytes of the encoding from `pos`, or says it cannot.
 bool skip(const std::string &bytes, std::size_t &pos, std::uint64_t n)
@@ -298,7 +299,8 @@ void Endpoint::take(binder_transaction_data &txn)
     std::uint32_t len = 0;
     const void *bytes = txn.code == kDeliver ? bio_get_mem(&msg, &len) : nullptr;
     std::shared_ptr<Intent> intent;
-    if (bytes != nullptr) {
+    // The null marker comes back as a position with its own length: no block.
+    if (bytes != nullptr && len != kNullLength) {
         std::string encoding(static_cast<const char *>(bytes), len);
         if (intentEncodingFits(encoding)) {
             intent = std::make_shared<Intent>();
