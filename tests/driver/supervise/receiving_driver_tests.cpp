@@ -4,6 +4,7 @@
 // stopped broadcast service at destruction; and a burst to a slow handler
 // (beside the same burst to a designed-only receiver, run in a child process).
 #include "process.h"
+#include "self_child.h"
 
 #include <hmisvc/broadcast.h>
 #include <hmisvc/context.h>
@@ -15,7 +16,6 @@
 
 #include <dirent.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -33,8 +33,6 @@
 #include <stdexcept>
 #include <thread>
 #include <vector>
-
-extern char **environ;
 
 namespace {
 
@@ -520,16 +518,8 @@ TEST(ReceivingEndpoint, DestructionWithAStoppedBroadcastServiceIsBounded)
 // printed, not asserted.
 TEST(DesignedOnly, BurstToASlowReceiverFateIsPrinted)
 {
-    std::vector<char *> env;
-    for (char **e = environ; *e != nullptr; ++e)
-        env.push_back(*e);
-    std::string flag = std::string(kDesignedOnlyChild) + "=1";
-    env.push_back(flag.data());
-    env.push_back(nullptr);
-    char self[] = "/proc/self/exe";
-    char *argv[] = {self, nullptr};
-    pid_t pid = -1;
-    ASSERT_EQ(posix_spawn(&pid, self, nullptr, nullptr, argv, env.data()), 0);
+    const pid_t pid = spawn_self(kDesignedOnlyChild);
+    ASSERT_GT(pid, 0);
     int status = 0;
     int highest = 0;
     const auto start = Clock::now();

@@ -2,6 +2,7 @@
 // started again, a service stopped in the middle of calls, and the outcome
 // of each kind of failed call (no driver at all in a child of its own).
 #include "process.h"
+#include "self_child.h"
 
 #include <hmisvc/outcome.h>
 #include <hmisvc/proxies.h>
@@ -11,7 +12,6 @@
 
 #include <sched.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 
@@ -23,8 +23,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-extern char **environ;
 
 namespace {
 
@@ -263,16 +261,8 @@ int no_driver_child()
 
 TEST(Outcomes, NoDriverInAProcessThatCannotOpenIt)
 {
-    std::vector<char *> env;
-    for (char **e = environ; *e != nullptr; ++e)
-        env.push_back(*e);
-    std::string flag = std::string(kNoDriverChild) + "=1";
-    env.push_back(flag.data());
-    env.push_back(nullptr);
-    char self[] = "/proc/self/exe";
-    char *argv[] = {self, nullptr};
-    pid_t pid = -1;
-    ASSERT_EQ(posix_spawn(&pid, self, nullptr, nullptr, argv, env.data()), 0);
+    const pid_t pid = spawn_self(kNoDriverChild);
+    ASSERT_GT(pid, 0);
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     ASSERT_TRUE(WIFEXITED(status));
