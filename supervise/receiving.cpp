@@ -51,7 +51,7 @@ constexpr std::chrono::milliseconds kFirstProbeRound{20};
 constexpr std::chrono::milliseconds kProbeRound{250};
 constexpr std::chrono::milliseconds kMinReadyLimit{1000};
 // Without a usable driver the endpoint tries again this often.
-constexpr std::chrono::milliseconds kNoDriverRetry{1000};
+constexpr std::chrono::milliseconds kNoDriverRetry{5000};
 // The probe action of hmisvc::waitForReceiving(): no application filter
 // holds it, and every receiver of it checks the sender's pid.
 const char *const kProbeAction = "hmisvc.wait.PROBE";
