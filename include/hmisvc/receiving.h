@@ -110,10 +110,11 @@ class ReceivingCore;
 /// Threads: the handler threads and the endpoint's, whatever arrives
 /// (besides, the process has one death-watch thread, shared by every
 /// Receiving and hmisvc::Service). Descriptors: the endpoint's binder
-/// connection and one wake-up descriptor. The destructor ends them all:
-/// the endpoint never waits for the broadcast service without also
-/// watching for it, so a broadcast service that hangs or is stopped does
-/// not hold the destructor up.
+/// connection and one wake-up descriptor. The destructor ends them all: the
+/// endpoint never waits for the broadcast service without also watching for
+/// it, so a broadcast service that hangs or is stopped does not hold the
+/// destructor up. Where /dev/binder cannot be opened the endpoint tries
+/// again every 5 s, quietly, and the state stays Starting.
 class HMISVC_API Receiving {
 public:
     /// A stopped receiver; nothing is started before start().
