@@ -21,6 +21,8 @@ const char *outcomeName(Outcome outcome) noexcept
         return "reply undecodable";
     case Outcome::TimedOut:
         return "timed out";
+    case Outcome::NoDriver:
+        return "no driver";
     }
     return "unknown";
 }

@@ -1,26 +1,23 @@
-// The supervised receiver's state. The designed BroadcastService stays the
-// endpoint; the layer registers on it, for each application receiver, a
-// forwarder of its own with the application's filter (so matching is the
-// designed one). A forwarder only queues the delivery and returns, so the
-// designed dispatch thread it runs on ends at once; a fixed set of handler
-// threads call the application's receivers from the queue. One supervisor
-// thread makes the endpoints: the first at start(), a new one each time the
-// broadcast service comes back after it died.
-//
-// What stays for the life of the process: every designed BroadcastService
-// (the designed endpoint uses it until the process ends; each keeps its
-// parked endpoint thread, so one per restart of the broadcast service) and
-// every forwarder (they are registered on those services). Forwarders reach
-// the Receiving weakly: once it is destroyed they drop what they get.
+// The supervised receiver's state. The receiver runs an endpoint of its own
+// (supervise/endpoint.cpp) on one thread: it registers and publishes it,
+// probes it until a probe broadcast comes back, serves it, and registers it
+// again after each death of the broadcast service. The endpoint matches each
+// delivery against the registered filters and queues it; a fixed set of
+// handler threads call the application's receivers from the queue. Nothing
+// is started per delivery and nothing outlives the Receiving but the
+// process's death-watch thread.
 #include <hmisvc/receiving.h>
 
 #include <hmisvc/broadcast.h>
 #include <hmisvc/context.h>
-#include <hmisvc/wait.h>
 
+#include "supervise/endpoint.h"
 #include "supervise/watch.h"
 
+#include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -28,7 +25,6 @@
 #include <cstdio>
 #include <deque>
 #include <iterator>
-#include <map>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -49,17 +45,19 @@ namespace detail {
 namespace {
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kPoll{10};
-// The supervisor waits for a probe in rounds this long, so that it notices
-// being stopped or the broadcast service dying meanwhile.
+// Probe rounds start short (a probe usually comes back at once) and grow to
+// this while the endpoint does not receive.
+constexpr std::chrono::milliseconds kFirstProbeRound{20};
 constexpr std::chrono::milliseconds kProbeRound{250};
-// An endpoint given up keeps its thread: do not give them up quickly, nor
-// often while the broadcast service lives.
 constexpr std::chrono::milliseconds kMinReadyLimit{1000};
-constexpr unsigned kRemakes = 3;
+// Without a usable driver the endpoint tries again this often.
+constexpr std::chrono::milliseconds kNoDriverRetry{5000};
+// The probe action of hmisvc::waitForReceiving(): no application filter
+// holds it, and every receiver of it checks the sender's pid.
+const char *const kProbeAction = "hmisvc.wait.PROBE";
 
 struct Delivery {
     BroadcastReceiver *receiver;
-    BroadcastService *service;
     std::shared_ptr<Intent> intent;
 };
 
@@ -85,47 +83,41 @@ void finish(std::thread &thread)
     else
         thread.join();
 }
+
+std::string probeEncoding(int token)
+{
+    Intent probe(kProbeAction);
+    probe.putExtra("pid", static_cast<int>(getpid()));
+    probe.putExtra("token", token);
+    return probe.toString();
+}
 } // namespace
 
-class ReceivingCore;
-
-// Stands in for one application receiver on every endpoint. Never deleted:
-// the designed services it is registered on live for the process.
-class Forwarder final : public BroadcastReceiver {
+class ReceivingCore : public DeathListener,
+                      public DeliverySink,
+                      public std::enable_shared_from_this<ReceivingCore> {
 public:
-    Forwarder(BroadcastReceiver *target, IntentFilter *filter, std::weak_ptr<ReceivingCore> core)
-        : target(target), filter(filter), core_(std::move(core))
-    {
-    }
-    void onReceive(BroadcastService *service, std::shared_ptr<Intent> intent) override;
-
-    BroadcastReceiver *const target;
-    IntentFilter *const filter;
-
-private:
-    const std::weak_ptr<ReceivingCore> core_;
-};
-
-class ReceivingCore : public DeathListener, public std::enable_shared_from_this<ReceivingCore> {
-public:
-    explicit ReceivingCore(ReceivingOptions options) : options_(std::move(options))
+    explicit ReceivingCore(ReceivingOptions options)
+        : options_(std::move(options)), wake_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
     {
         options_.queueCapacity = std::max<std::size_t>(1, options_.queueCapacity);
         options_.threads = std::max(1u, options_.threads);
         options_.readyLimit = std::max(options_.readyLimit, kMinReadyLimit);
     }
+    ~ReceivingCore() override
+    {
+        if (wake_ >= 0)
+            ::close(wake_);
+    }
+    ReceivingCore(const ReceivingCore &) = delete;
+    ReceivingCore &operator=(const ReceivingCore &) = delete;
 
     void registerReceiver(BroadcastReceiver *receiver, IntentFilter *filter)
     {
         if (receiver == nullptr || filter == nullptr)
             throw std::invalid_argument("hmisvc::Receiving::registerReceiver: null receiver or filter");
         std::lock_guard<std::mutex> lock(mutex_);
-        if (forwarders_.count(receiver) != 0)
-            return; // the first filter stays, as the designed registry does
-        auto *forwarder = new Forwarder(receiver, filter, weak_from_this());
-        forwarders_.emplace(receiver, forwarder);
-        if (current_ != nullptr)
-            current_->registerReceiver(forwarder, filter);
+        registry_.registerReceiver(receiver, filter);
     }
 
     bool start(std::chrono::milliseconds limit)
@@ -143,8 +135,8 @@ public:
             Watcher::instance().subscribe(*watch_, weak_from_this());
             std::lock_guard<std::mutex> lock(mutex_);
             for (unsigned i = 0; i < options_.threads; ++i)
-                handlers_.emplace_back([this] { serve(); });
-            supervisor_ = std::thread([this] { supervise(); });
+                handlers_.emplace_back([self = shared_from_this()] { self->serve(); });
+            endpoint_ = std::thread([self = shared_from_this()] { self->runEndpoint(); });
         }
         return waitUntilReceiving(limit);
     }
@@ -155,7 +147,8 @@ public:
         return changed_.wait_for(lock, limit, [&] { return state_.load() == ReceivingState::Receiving; });
     }
 
-    // Under no lock of the Receiving; the threads end after what they do.
+    // Under no lock of the Receiving. The endpoint's thread comes back from
+    // any wait when poked; handler threads end after the call under way.
     void close() noexcept
     {
         {
@@ -165,42 +158,56 @@ public:
         {
             std::lock_guard<std::mutex> lock(mutex_);
             stopping_ = true;
+            stop_ = true;
             queue_.clear();
             work_.notify_all();
-            wake_.notify_all();
         }
+        poke();
+        finish(endpoint_);
         for (auto &handler : handlers_)
             finish(handler);
-        finish(supervisor_);
     }
 
-    // From a forwarder, on a designed dispatch thread: queue and return.
-    void push(BroadcastReceiver *receiver, BroadcastService *service, std::shared_ptr<Intent> intent)
+    // On the endpoint's thread: a probe is noted, a delivery queued once
+    // per receiver whose filter holds its action.
+    void delivered(std::shared_ptr<Intent> intent) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (stopping_ || service != current_)
-            return; // a replaced endpoint's delivery, or too late
-        ++stats_.received;
-        if (queue_.size() >= options_.queueCapacity) {
-            ++stats_.dropped;
-            if (options_.overflow == Overflow::DropNewest)
-                return;
-            queue_.pop_front();
+        const std::string action = intent->getAction();
+        if (action == kProbeAction) {
+            if (intent->getIntExtra("pid", -1) == static_cast<int>(getpid()))
+                probed_ = std::max(probed_, intent->getIntExtra("token", 0));
+            return;
         }
-        queue_.push_back(Delivery{receiver, service, std::move(intent)});
-        work_.notify_one();
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopping_)
+            return;
+        for (const auto &entry : registry_.receivers) {
+            if (!entry.second->matchAction(action))
+                continue;
+            ++stats_.received;
+            if (queue_.size() >= options_.queueCapacity) {
+                ++stats_.dropped;
+                if (options_.overflow == Overflow::DropNewest)
+                    continue;
+                queue_.pop_front();
+            }
+            queue_.push_back(Delivery{entry.first, intent});
+            work_.notify_one();
+        }
     }
 
-    // Only the death of the registration the endpoint was made for counts:
-    // an older one may die late.
+    void malformed() override { count(&ReceivingStats::malformed); }
+    void oneWay() override { count(&ReceivingStats::oneWay); }
+
+    // Only the death of the registration the endpoint registered with
+    // counts: an older one may die late.
     void serviceDied(const std::string &, std::uint64_t generation) override
     {
         if (generation != generation_.load())
             return;
         lost_.fetch_add(1);
         change(ReceivingState::Down);
-        std::lock_guard<std::mutex> lock(mutex_);
-        wake_.notify_all();
+        poke();
     }
 
     ReceivingState state() const { return state_.load(); }
@@ -216,10 +223,34 @@ public:
     BroadcastService *service() const
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        return current_;
+        return started_ ? &registry_ : nullptr;
     }
 
 private:
+    template <class Counter> void count(Counter ReceivingStats::*counter)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++(stats_.*counter);
+    }
+
+    void poke()
+    {
+        const std::uint64_t one = 1;
+        if (wake_ >= 0 && ::write(wake_, &one, sizeof one) < 0) {
+            // Only a full counter refuses: the thread is being woken anyway.
+        }
+    }
+
+    // Waits `time` unless poked.
+    void idle(std::chrono::milliseconds time)
+    {
+        pollfd fd{wake_, POLLIN, 0};
+        ::poll(&fd, 1, static_cast<int>(time.count()));
+        std::uint64_t count = 0;
+        while (::read(wake_, &count, sizeof count) > 0) {
+        }
+    }
+
     // A handler thread.
     void serve()
     {
@@ -241,7 +272,7 @@ private:
     bool call(Delivery &delivery)
     {
         try {
-            delivery.receiver->onReceive(delivery.service, std::move(delivery.intent));
+            delivery.receiver->onReceive(&registry_, std::move(delivery.intent));
             return true;
         } catch (...) {
             if (options_.onHandlerError)
@@ -252,90 +283,66 @@ private:
         }
     }
 
-    // The supervisor thread: an endpoint now, a new one after each death of
-    // the broadcast service.
-    void supervise()
+    // The endpoint's thread: one connection after another (a new one only
+    // when the driver refused the last), until stopped.
+    void runEndpoint()
     {
-        pthread_setname_np(pthread_self(), "hmisvc-restart");
-        for (;;) {
-            const std::uint64_t settled = connect();
-            std::unique_lock<std::mutex> lock(mutex_);
-            wake_.wait(lock, [&] { return stopping_ || lost_.load() != settled; });
-            if (stopping_)
-                return;
-        }
-    }
-
-    // Makes endpoints until one receives; returns the deaths of the
-    // broadcast service seen when it was made (or at once when stopping).
-    std::uint64_t connect()
-    {
-        BroadcastService *service = nullptr;
-        std::uint64_t made_at = 0; // deaths when `service` was made
-        unsigned remade = 0;       // endpoints given up since then
-        for (;;) {
-            const std::uint64_t before = lost_.load();
-            if (stopping())
-                return before;
-            // Linking the death watch also says the service is registered.
-            const std::uint64_t generation = Watcher::instance().link(*watch_);
-            if (generation == 0) {
-                pause(kPoll);
+        pthread_setname_np(pthread_self(), "hmisvc-endpoint");
+        while (!stop_) {
+            Endpoint endpoint(wake_, stop_, *this);
+            if (!endpoint.ok()) {
+                idle(kNoDriverRetry);
                 continue;
             }
-            // Each endpoint given up keeps a thread: without a death or a new
-            // registration, only a few are made before the last one is
-            // simply probed again.
-            const bool same = service != nullptr && made_at == before && generation == generation_.load();
-            if (!same || remade < kRemakes) {
-                remade = same ? remade + 1 : 0;
-                generation_ = generation;
-                service = makeEndpoint();
-                made_at = before;
-            }
-            if (receives(service, before) && change(ReceivingState::Receiving, &before))
-                return before;
+            if (!runWith(endpoint))
+                idle(kPoll);
         }
     }
 
-    BroadcastService *makeEndpoint()
+    // Registers `endpoint` with the broadcast service, probes it until it
+    // receives and serves it; registers again after each death of the
+    // broadcast service and after each ready limit passed without a probe.
+    // False when the connection broke, true when stopped.
+    bool runWith(Endpoint &endpoint)
     {
-        BroadcastService *service = Context::CreateBroadcastService();
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const auto &entry : forwarders_)
-            service->registerReceiver(entry.second, entry.second->filter);
-        current_ = service;
-        ++stats_.endpoints;
-        return service;
-    }
-
-    // Whether `service` received a probe within the ready limit, while
-    // the broadcast service did not die and the Receiving is not stopped.
-    bool receives(BroadcastService *service, std::uint64_t before)
-    {
-        const auto deadline = Clock::now() + options_.readyLimit;
-        for (;;) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-            if (waitForReceiving(service, std::max(std::chrono::milliseconds(0), std::min(left, kProbeRound))))
-                return true;
-            // A registration that changed (the old one may die late) needs a
-            // new endpoint.
-            if (Clock::now() >= deadline || lost_.load() != before || stopping() ||
-                Watcher::instance().link(*watch_) != generation_.load())
+        std::uint64_t registered = 0; // the registration's generation
+        std::uint64_t lost_then = 0;  // deaths when it registered
+        Clock::time_point ready_by{};
+        bool receiving = false;
+        int first_token = 0, token = probed_;
+        auto round = kFirstProbeRound;
+        while (!stop_) {
+            const std::uint64_t lost = lost_.load();
+            // Linking the death watch also says the service is registered.
+            const std::uint64_t generation = Watcher::instance().link(*watch_);
+            Endpoint::Wait waited = Endpoint::Wait::Timeout;
+            if (generation == 0) {
+                waited = endpoint.serve(Clock::now() + kPoll);
+            } else if (generation != registered || lost != lost_then || (!receiving && Clock::now() >= ready_by)) {
+                generation_ = generation; // a death from here on is this registration's
+                if (endpoint.announce()) {
+                    registered = generation;
+                    lost_then = lost;
+                    ready_by = Clock::now() + options_.readyLimit;
+                    receiving = false;
+                    first_token = token + 1;
+                    round = kFirstProbeRound;
+                    count(&ReceivingStats::endpoints);
+                } else if (!stop_) {
+                    waited = endpoint.serve(Clock::now() + kPoll);
+                }
+            } else if (!receiving) {
+                endpoint.send(probeEncoding(++token));
+                waited = endpoint.serve(Clock::now() + round);
+                round = std::min(kProbeRound, round * 2);
+                receiving = probed_ >= first_token && change(ReceivingState::Receiving, &lost_then);
+            } else {
+                waited = endpoint.serve(Clock::time_point::max());
+            }
+            if (waited == Endpoint::Wait::Broken)
                 return false;
         }
-    }
-
-    bool stopping() const
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return stopping_;
-    }
-
-    void pause(std::chrono::milliseconds time)
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        wake_.wait_for(lock, time, [&] { return stopping_; });
+        return true;
     }
 
     // One change at a time, so callbacks come in the order of the changes.
@@ -354,31 +361,27 @@ private:
     }
 
     ReceivingOptions options_;
-    Watch *watch_ = nullptr; // set by the first start()
+    const int wake_;                // pokes the endpoint's thread out of any wait
+    std::atomic<bool> stop_{false}; // for good
+    Watch *watch_ = nullptr;        // set by the first start()
     std::atomic<ReceivingState> state_{ReceivingState::Stopped};
-    std::atomic<std::uint64_t> generation_{0}; // of the registration the endpoint was made for
+    std::atomic<std::uint64_t> generation_{0}; // of the registration the endpoint registered with
     std::atomic<std::uint64_t> lost_{0};       // deaths of such registrations
+    int probed_ = 0; // the highest probe token that came back; endpoint thread only
 
     std::mutex callback_mutex_; // taken before mutex_
     bool closed_ = false;
 
     mutable std::mutex mutex_;
-    std::condition_variable work_, wake_, changed_;
+    std::condition_variable work_, changed_;
     std::deque<Delivery> queue_;
     ReceivingStats stats_;
-    std::map<BroadcastReceiver *, Forwarder *> forwarders_;
-    BroadcastService *current_ = nullptr;
+    mutable BroadcastService registry_; // the receivers' filters; matched under mutex_
     bool started_ = false;
     bool stopping_ = false;
     std::vector<std::thread> handlers_;
-    std::thread supervisor_;
+    std::thread endpoint_;
 };
-
-void Forwarder::onReceive(BroadcastService *service, std::shared_ptr<Intent> intent)
-{
-    if (auto core = core_.lock())
-        core->push(target, service, std::move(intent));
-}
 
 } // namespace detail
 

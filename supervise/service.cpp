@@ -75,7 +75,8 @@ public:
             return proxy_;
         }
         const auto until = Clock::now() + limit;
-        for (;;) {
+        why = Outcome::NotRegistered;
+        for (bool first = true;; first = false) {
             seen_ = deaths(watch_);
             // Linked first: a death from here on is the new proxy's.
             if (const std::uint64_t generation = Watcher::instance().link(watch_)) {
@@ -85,13 +86,15 @@ public:
                     generation_ = generation;
                     return proxy_;
                 }
+            } else if (first && !driverUsable()) { // no name will ever be registered
+                why = Outcome::NoDriver;
+                break;
             }
             if (Clock::now() >= until)
                 break;
             std::this_thread::sleep_until(std::min(until, Clock::now() + kPoll));
         }
         lock.unlock();
-        why = Outcome::NotRegistered;
         change(ServiceState::Down);
         return nullptr;
     }
@@ -105,7 +108,8 @@ public:
                 change(ServiceState::Up);
             return;
         }
-        if (outcome != Outcome::TransactionFailed && outcome != Outcome::NotRegistered)
+        if (outcome != Outcome::TransactionFailed && outcome != Outcome::NotRegistered &&
+            outcome != Outcome::NoDriver)
             return;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -115,17 +119,22 @@ public:
         change(ServiceState::Down);
     }
 
-    bool runWithin(const std::shared_ptr<Job> &job, std::chrono::milliseconds limit)
+    // A job whose worker was still waiting for the name when the limit
+    // passed was not registered within the call's time.
+    Outcome runWithin(const std::shared_ptr<Job> &job, std::chrono::milliseconds limit)
     {
         std::unique_lock<std::mutex> lock(pool_mutex_);
         startWorkers();
+        job->deadline_ = Clock::now() + limit;
         queue_.push_back(job);
         work_.notify_one();
-        if (finished_.wait_for(lock, limit, [&] { return job->done_; }))
-            return true;
-        if (!job->started_)
+        if (finished_.wait_until(lock, job->deadline_, [&] { return job->done_; }))
+            return Outcome::Ok;
+        if (!job->started_) {
             queue_.erase(std::find(queue_.begin(), queue_.end(), job));
-        return false;
+            return Outcome::TimedOut;
+        }
+        return job->sent_ ? Outcome::TimedOut : Outcome::NotRegistered;
     }
 
     void close() noexcept
@@ -161,9 +170,10 @@ private:
     {
         if (state_.exchange(to) == to)
             return;
+        const bool first = to == ServiceState::Up && !answered_.exchange(true);
         std::lock_guard<std::recursive_mutex> lock(callback_mutex_);
         if (!closed_ && options_.onStateChange)
-            options_.onStateChange(to);
+            options_.onStateChange(ServiceChange(to, first));
     }
 
     // Under pool_mutex_. The workers keep the core alive while they run.
@@ -188,8 +198,11 @@ private:
             queue_.pop_front();
             job->started_ = true;
             lock.unlock();
+            // The lookup waits no longer than the caller does.
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(job->deadline_ - Clock::now());
             Outcome why = Outcome::Ok;
-            auto proxy = acquire(why, options_.lookupLimit);
+            auto proxy = acquire(why, std::max(std::chrono::milliseconds(0), std::min(options_.lookupLimit, left)));
+            job->sent_ = proxy != nullptr;
             job->run(proxy, why);
             lock.lock();
             job->done_ = true;
@@ -201,6 +214,7 @@ private:
     ServiceOptions options_;
     Watch &watch_;
     std::atomic<ServiceState> state_{ServiceState::Unknown};
+    std::atomic<bool> answered_{false}; // it has been Up before
 
     std::mutex mutex_; // the proxy
     std::shared_ptr<ServiceManager> proxy_;
@@ -242,7 +256,7 @@ void settle(ServiceCore &core, const std::shared_ptr<ServiceManager> &proxy, Out
     core.settle(proxy, outcome);
 }
 
-bool runWithin(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit)
+Outcome runWithin(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit)
 {
     return core.runWithin(job, limit);
 }

@@ -11,7 +11,9 @@
 
 #include <hmisvc/binder.h>
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -81,15 +83,34 @@ Watcher &Watcher::instance()
     return *watcher;
 }
 
-Watcher::Watcher() : state_(new State)
+Watcher::Watcher() : state_(new State) {}
+
+bool driverUsable()
 {
+    const int fd = ::open("/dev/binder", O_RDWR | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    ::close(fd);
+    return true;
+}
+
+// Under the lock. Opened on the first link rather than at construction, so
+// that a driver that was not there at first (the module not loaded yet) is
+// used once it is.
+bool Watcher::connected()
+{
+    if (state_->bs != nullptr)
+        return true;
+    if (!driverUsable())
+        return false;
     state_->bs = binder_open(kMapSize);
     if (state_->bs == nullptr)
-        return;
+        return false;
     std::thread([bs = state_->bs] {
         pthread_setname_np(pthread_self(), "hmisvc-watch");
         binder_loop(bs, refuse);
     }).detach();
+    return true;
 }
 
 Watch &Watcher::watch(const std::string &name)
@@ -124,9 +145,9 @@ void Watcher::died(binder_connection *bs, void *user)
 
 std::uint64_t Watcher::link(Watch &watch)
 {
-    if (state_->bs == nullptr)
-        return 0;
     std::lock_guard<std::mutex> lock(state_->mutex);
+    if (!connected())
+        return 0;
     const uint32_t handle = svcmgr_lookup(state_->bs, SVCMGR_HANDLE, watch.name.c_str());
     if (handle == 0)
         return 0;

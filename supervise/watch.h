@@ -22,6 +22,11 @@ public:
     virtual void serviceDied(const std::string &name, std::uint64_t generation) = 0;
 };
 
+// Whether /dev/binder can be opened, asked silently (the library's open
+// prints why it cannot on stderr, which a layer that retries should not
+// repeat).
+bool driverUsable();
+
 class Watch; // one per watched name, kept for the process
 
 // Deaths of `name` seen so far; read it before resolving, compare later.
@@ -29,7 +34,8 @@ std::uint64_t deaths(const Watch &watch);
 
 class Watcher {
 public:
-    // The process's watcher; starts its thread on first use.
+    // The process's watcher; opens its connection and starts its thread on
+    // the first link() that finds the driver.
     static Watcher &instance();
 
     // The entry for `name`, made on first use.
@@ -47,6 +53,7 @@ public:
 private:
     Watcher();
     static void died(binder_connection *bs, void *user);
+    bool connected();
     struct State;
     State *state_; // never freed: the watch thread runs for the process
 };

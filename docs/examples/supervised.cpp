@@ -28,8 +28,9 @@ int main()
 {
     hmisvc::ServiceOptions options;
     options.callLimit = 300ms; // a stopped service costs 300 ms, not a hang
-    options.onStateChange = [](hmisvc::ServiceState state) {
-        std::printf("backlight %s\n", hmisvc::serviceStateName(state)); // on a thread of the layer's
+    options.onStateChange = [](hmisvc::ServiceChange change) { // on a thread of the layer's
+        std::printf("backlight %s%s\n", hmisvc::serviceStateName(change.state()),
+                    change.recovered() ? " again" : ""); // the first answer is change.firstUp()
     };
     hmisvc::Service<BacklightManager> backlight(options); // looks the service up on the first call
 
@@ -40,10 +41,10 @@ int main()
     }
     std::printf("brightness %d\n", *level);
 
-    static IntentFilter filter; // read by the broadcast endpoints for good
+    IntentFilter filter; // receiver and filter outlive the Receiving: made before it
     filter.addAction(Intent::ACTION_SHOW_SETTINGS);
-    SettingsRequests receiver; // outlives the Receiving: made before it
-    hmisvc::Receiving receiving; // one handler thread, 1024 queued deliveries
+    SettingsRequests receiver;
+    hmisvc::Receiving receiving; // its own endpoint, one handler thread, 1024 queued deliveries
     receiving.registerReceiver(&receiver, &filter);
     if (!receiving.start(5s)) // true once broadcasts sent now arrive
         return 1;

@@ -31,14 +31,17 @@ namespace hmisvc {
 /// What became of one proxy call.
 enum class Outcome {
     Ok,               ///< the service answered and the answer decoded
-    NotRegistered,    ///< the proxy has no service: its name was not registered (nothing was sent)
+    NotRegistered,    ///< the proxy has no service: its name was not registered (nothing was sent); for a
+                      ///< supervised call: not registered within the lookup limit or the call's time limit
     TransactionFailed,///< the transaction failed in the driver (service dead, reply refused, buffer overflow)
     ReplyUndecodable, ///< the service answered, but the reply was too short or its record did not decode
-    TimedOut,         ///< a supervised call passed its time limit (hmisvc::Service)
+    TimedOut,         ///< a supervised call passed its time limit after it was sent (hmisvc::Service)
+    NoDriver,         ///< a supervised call found no usable binder driver: /dev/binder cannot be opened
+                      ///< (a plain proxy says NotRegistered then)
 };
 
 /// A short lower-case name of @p outcome: "ok", "not registered",
-/// "transaction failed", "reply undecodable", "timed out".
+/// "transaction failed", "reply undecodable", "timed out", "no driver".
 HMISVC_API const char *outcomeName(Outcome outcome) noexcept;
 
 /// The outcome of the last proxy call made on the calling thread (Outcome::Ok

@@ -7,6 +7,7 @@
 #ifndef HMISVC_SERVICE_H
 #define HMISVC_SERVICE_H
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -32,6 +33,37 @@ enum class ServiceState {
 /// A short lower-case name of @p state: "unknown", "up", "down".
 HMISVC_API const char *serviceStateName(ServiceState state) noexcept;
 
+/// One change of a supervised service's state, as
+/// ServiceOptions::onStateChange gets it: the new state, and for Up whether
+/// it is the handle's first answer or a recovery after the service was
+/// down. It converts to the new ServiceState, so a callback that takes a
+/// ServiceState works unchanged.
+///
+/// @code
+/// options.onStateChange = [](hmisvc::ServiceChange change) {
+///     if (change.recovered())
+///         reloadSettings();   // the service came back: its state may be new
+/// };
+/// @endcode
+class ServiceChange {
+public:
+    /// A change to @p state; @p first says the handle never saw its
+    /// service answer before (meaningful for ServiceState::Up only).
+    constexpr ServiceChange(ServiceState state, bool first) noexcept : state_(state), first_(first) {}
+    /// The new state.
+    constexpr ServiceState state() const noexcept { return state_; }
+    /// Up for the first time: the first answer the handle got.
+    constexpr bool firstUp() const noexcept { return state_ == ServiceState::Up && first_; }
+    /// Up after an earlier answer and a Down: the service recovered.
+    constexpr bool recovered() const noexcept { return state_ == ServiceState::Up && !first_; }
+    /// The new state, for callbacks and comparisons written for ServiceState.
+    constexpr operator ServiceState() const noexcept { return state_; }
+
+private:
+    ServiceState state_;
+    bool first_;
+};
+
 /// How a Service looks its service up and calls it.
 struct ServiceOptions {
     /// How long a call waits for the service's name to be registered when
@@ -44,12 +76,14 @@ struct ServiceOptions {
     /// that passes its limit leaves its transaction to finish on one of
     /// them; while all are busy, further limited calls wait their limit.
     unsigned workers = 1;
-    /// Called on every change of state(), with the new state: on the
-    /// calling thread (or worker) when a call is answered or fails, on the
-    /// layer's watch thread when the service dies. Keep it short (the watch
-    /// thread serves every handle of the process); it may call through the
-    /// handle, but must not destroy it. No call comes after ~Service().
-    std::function<void(ServiceState)> onStateChange;
+    /// Called on every change of state(), with the change (the new state,
+    /// and whether an Up is the first answer or a recovery; a callback may
+    /// take a plain ServiceState instead): on the calling thread (or worker)
+    /// when a call is answered or fails, on the layer's watch thread when
+    /// the service dies. Keep it short (the watch thread serves every handle
+    /// of the process); it may call through the handle, but must not
+    /// destroy it. No call comes after ~Service().
+    std::function<void(ServiceChange)> onStateChange;
 };
 
 namespace detail {
@@ -66,6 +100,8 @@ private:
     friend class ServiceCore;
     bool started_ = false; // under the handle's queue lock
     bool done_ = false;
+    std::atomic<bool> sent_{false}; // the service was found: the call is under way
+    std::chrono::steady_clock::time_point deadline_{}; // of its caller's wait
 };
 
 /// What a Service shares with its workers and the watch thread.
@@ -82,9 +118,11 @@ HMISVC_API std::shared_ptr<ServiceManager> acquire(ServiceCore &core, Outcome &w
 /// After a call through @p proxy that ended with @p outcome: a failed
 /// transaction drops the proxy and reports the service down.
 HMISVC_API void settle(ServiceCore &core, const std::shared_ptr<ServiceManager> &proxy, Outcome outcome);
-/// Runs @p job on a worker and waits @p limit at most; false when the
-/// limit passed first (a job not yet started then never runs).
-HMISVC_API bool runWithin(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit);
+/// Runs @p job on a worker and waits @p limit at most: Outcome::Ok when it
+/// finished in time; otherwise Outcome::TimedOut (sent, or still waiting for
+/// a worker: a job not yet started then never runs) or
+/// Outcome::NotRegistered (the name was not registered within the limit).
+HMISVC_API Outcome runWithin(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit);
 /// Looks the service up now unless the handle has a proxy, waiting up to
 /// @p limit; whether it has one.
 HMISVC_API bool connect(ServiceCore &core, std::chrono::milliseconds limit);
@@ -177,7 +215,10 @@ private:
 /// proxy and builds a new one after the service died (it links to the
 /// service's death through the binder driver) or after a call through it
 /// failed in the driver. Calls return a Result: the method's value, or why
-/// there is none.
+/// there is none: Outcome::NoDriver when /dev/binder cannot be opened,
+/// Outcome::NotRegistered when the name was not registered within the
+/// lookup limit (or, for a limited call, within its limit), otherwise what
+/// became of the transaction.
 ///
 /// @code
 /// hmisvc::Service<BacklightManager> backlight;
@@ -234,9 +275,9 @@ public:
             return detail::invoke<Proxy>(*core_, proxy, method, std::forward<A>(args)...);
         }
         auto job = std::make_shared<detail::MethodJob<Proxy, R, P...>>(*core_, method, args...);
-        if (!detail::runWithin(*core_, job, limit)) {
-            detail::setLastOutcome(Outcome::TimedOut);
-            return Result<R>(Outcome::TimedOut);
+        if (const Outcome late = detail::runWithin(*core_, job, limit); late != Outcome::Ok) {
+            detail::setLastOutcome(late);
+            return Result<R>(late);
         }
         Result<R> result = job->finish(args...);
         detail::setLastOutcome(result.outcome());
