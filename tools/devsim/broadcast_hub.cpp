@@ -14,51 +14,102 @@ namespace hmisvc::devsim {
 namespace {
 
 constexpr uint32_t kDeliver = 1;
+// A delivery thread with nothing to do for this long ends.
+constexpr auto kIdleWorker = std::chrono::seconds(10);
+// Look-ups of a name not published yet slow down to this.
+constexpr std::chrono::milliseconds kSlowestRetry{1000};
+
+using Steady = std::chrono::steady_clock;
+using Payload = std::shared_ptr<const std::string>;
 
 }  // namespace
 
-struct BroadcastHub::Shared {
+struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
+    // All fields guarded by Shared::mutex.
     struct Endpoint {
+        Shared *hub = nullptr;
         std::string name;
-        std::deque<std::string> queue;  // guarded by Shared::mutex
-        std::condition_variable wake;
-        std::atomic<bool> dead{false};
+        uint32_t handle = 0;  // 0 until looked up
+        Steady::time_point next_try;
+        Steady::time_point give_up;
+        std::chrono::milliseconds wait{0};  // before the next try
+        std::deque<Payload> queue;
+        bool scheduled = false;  // in Shared::ready
+        bool busy = false;       // a delivery thread is calling it
+        bool dropped = false;
+        bool overflowing = false;
         binder_death_record death{};
-        std::mutex *mutex = nullptr;  // Shared::mutex, for the death callback
     };
+    using EndpointPtr = std::shared_ptr<Endpoint>;
 
-    int attempts;
-    std::chrono::milliseconds retry;
+    int attempts = 0;
+    std::chrono::milliseconds retry{0};
     std::atomic<binder_connection *> bs{nullptr};
 
     mutable std::mutex mutex;
+    std::condition_variable work;     // delivery threads
+    std::condition_variable lookups;  // the look-up thread
     bool stopping = false;
-    std::map<std::string, std::shared_ptr<Endpoint>> endpoints;
-    // A death record must outlive its handle's reference; endpoints linked
-    // to a death notification stay here for the life of the hub.
-    std::vector<std::shared_ptr<Endpoint>> linked;
+    bool looking_up = false;  // the look-up thread runs
+    std::size_t workers = 0, idle = 0;
+    bool refusing = false;
+    std::map<std::string, EndpointPtr> endpoints;
+    std::deque<EndpointPtr> ready;  // endpoints with intents and no thread on them
+    // A death record must outlive its handle's notification; endpoints
+    // linked to one stay here until it has come.
+    std::map<Endpoint *, EndpointPtr> linked;
 
     static void on_death(binder_connection *, void *user)
     {
         auto *ep = static_cast<Endpoint *>(user);
-        std::lock_guard<std::mutex> lock(*ep->mutex);
-        ep->dead = true;
-        ep->wake.notify_all();
+        Shared &hub = *ep->hub;
+        EndpointPtr keep;  // the record is not used again after this returns
+        std::lock_guard<std::mutex> lock(hub.mutex);
+        if (auto found = hub.linked.find(ep); found != hub.linked.end()) {
+            keep = found->second;
+            hub.linked.erase(found);
+        }
+        if (keep)
+            hub.drop(keep, "its process died");
     }
 
-    // Looks the name up, giving an endpoint that has not published yet its
-    // grace period; 0 when it never shows up or the hub stops.
-    uint32_t resolve(Endpoint &ep)
+    // With the lock held.
+    void release(Endpoint &ep)
     {
-        for (int i = 0; i < attempts; ++i) {
-            if (binder_connection *c = bs.load())
-                if (uint32_t handle = svcmgr_lookup(c, SVCMGR_HANDLE, ep.name.c_str()))
-                    return handle;
-            std::unique_lock<std::mutex> lock(mutex);
-            if (ep.wake.wait_for(lock, retry, [&] { return stopping; }))
-                return 0;
+        if (ep.handle && !ep.busy) {
+            binder_release(bs.load(), ep.handle);
+            ep.handle = 0;
         }
-        return 0;
+    }
+
+    // With the lock held.
+    void drop(const EndpointPtr &ep, const char *why)
+    {
+        if (ep->dropped)
+            return;
+        ep->dropped = true;
+        ep->queue.clear();
+        auto found = endpoints.find(ep->name);
+        if (found != endpoints.end() && found->second == ep)
+            endpoints.erase(found);
+        release(*ep);
+        std::fprintf(stderr, "hmisvc-devsim: broadcast endpoint \"%s\" dropped (%s)\n", ep->name.c_str(), why);
+    }
+
+    // With the lock held: hands an endpoint with intents to a delivery
+    // thread, starting one if none is free and the limit allows.
+    void schedule(const EndpointPtr &ep)
+    {
+        if (ep->scheduled || ep->busy || ep->dropped || !ep->handle || ep->queue.empty())
+            return;
+        ready.push_back(ep);
+        ep->scheduled = true;
+        if (idle > 0) {
+            work.notify_one();
+        } else if (workers < kDeliveryThreads) {
+            ++workers;
+            std::thread(run_worker, shared_from_this()).detach();
+        }
     }
 
     bool deliver(uint32_t handle, const std::string &payload)
@@ -75,46 +126,90 @@ struct BroadcastHub::Shared {
         return true;
     }
 
-    void forget(const std::shared_ptr<Endpoint> &ep, const char *why)
+    static void run_worker(std::shared_ptr<Shared> self)
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        auto found = endpoints.find(ep->name);
-        if (found != endpoints.end() && found->second == ep)
-            endpoints.erase(found);
-        std::fprintf(stderr, "hmisvc-devsim: broadcast endpoint \"%s\" dropped (%s)\n", ep->name.c_str(), why);
+        Shared &hub = *self;
+        std::unique_lock<std::mutex> lock(hub.mutex);
+        for (;;) {
+            ++hub.idle;
+            bool got = hub.work.wait_for(lock, kIdleWorker, [&] { return hub.stopping || !hub.ready.empty(); });
+            --hub.idle;
+            if (hub.stopping || !got) {
+                --hub.workers;
+                return;
+            }
+            EndpointPtr ep = hub.ready.front();
+            hub.ready.pop_front();
+            ep->scheduled = false;
+            if (ep->dropped || ep->queue.empty())
+                continue;
+            Payload payload = ep->queue.front();
+            ep->queue.pop_front();
+            ep->busy = true;
+            uint32_t handle = ep->handle;
+            lock.unlock();
+            bool ok = hub.deliver(handle, *payload);
+            lock.lock();
+            ep->busy = false;
+            if (ep->dropped)
+                hub.release(*ep);
+            else if (!ok)
+                hub.drop(ep, "delivery failed");
+            else
+                hub.schedule(ep);
+        }
     }
 
-    // The delivery thread of one endpoint.
-    static void run(std::shared_ptr<Shared> self, std::shared_ptr<Endpoint> ep)
+    // Looks names up until each is found or out of attempts; ends when no
+    // name waits.
+    static void run_lookups(std::shared_ptr<Shared> self)
     {
-        uint32_t handle = self->resolve(*ep);
-        if (handle == 0) {
-            self->forget(ep, "not found");
-            return;
-        }
-        {
-            std::lock_guard<std::mutex> lock(self->mutex);
-            self->linked.push_back(ep);
-        }
-        ep->death = {on_death, ep.get()};
-        binder_link_to_death(self->bs.load(), handle, &ep->death);
-        for (;;) {
-            std::string payload;
-            {
-                std::unique_lock<std::mutex> lock(self->mutex);
-                ep->wake.wait(lock, [&] { return self->stopping || ep->dead || !ep->queue.empty(); });
-                if (self->stopping)
-                    return;
-                if (ep->dead)
-                    break;
-                payload = std::move(ep->queue.front());
-                ep->queue.pop_front();
+        Shared &hub = *self;
+        std::unique_lock<std::mutex> lock(hub.mutex);
+        while (!hub.stopping) {
+            std::vector<EndpointPtr> due;
+            Steady::time_point next = Steady::time_point::max();
+            for (auto &[name, ep] : hub.endpoints) {
+                if (ep->handle)
+                    continue;
+                next = std::min(next, ep->next_try);
+                if (ep->next_try <= Steady::now())
+                    due.push_back(ep);
             }
-            if (!self->deliver(handle, payload))
-                break;
+            if (next == Steady::time_point::max()) {
+                hub.looking_up = false;
+                return;
+            }
+            if (due.empty()) {
+                hub.lookups.wait_until(lock, next);
+                continue;
+            }
+            std::vector<uint32_t> found;
+            lock.unlock();
+            binder_connection *bs = hub.bs.load();
+            for (const EndpointPtr &ep : due)
+                found.push_back(bs ? svcmgr_lookup(bs, SVCMGR_HANDLE, ep->name.c_str()) : 0);
+            lock.lock();
+            for (std::size_t i = 0; i < due.size(); ++i) {
+                const EndpointPtr &ep = due[i];
+                if (ep->dropped) {
+                    if (found[i])
+                        binder_release(hub.bs.load(), found[i]);
+                } else if (found[i]) {
+                    ep->handle = found[i];
+                    ep->death = {on_death, ep.get()};
+                    hub.linked[ep.get()] = ep;
+                    binder_link_to_death(hub.bs.load(), ep->handle, &ep->death);
+                    hub.schedule(ep);
+                } else if (Steady::now() >= ep->give_up) {
+                    hub.drop(ep, "not found");
+                } else {
+                    ep->next_try = std::min(Steady::now() + ep->wait, ep->give_up);
+                    ep->wait = std::min(ep->wait * 2, std::max(hub.retry, kSlowestRetry));
+                }
+            }
         }
-        self->forget(ep, ep->dead ? "its process died" : "delivery failed");
-        binder_release(self->bs.load(), handle);
+        hub.looking_up = false;
     }
 };
 
@@ -126,34 +221,69 @@ BroadcastHub::BroadcastHub(int attempts, std::chrono::milliseconds retry) : shar
 
 BroadcastHub::~BroadcastHub()
 {
-    // Delivery threads are detached and own the shared part; they end at
-    // their next wake-up (one blocked in a call ends when the call does).
+    // The threads are detached and own the shared part; they end at their
+    // next wake-up (one blocked in a call ends when the call does).
     std::lock_guard<std::mutex> lock(shared_->mutex);
     shared_->stopping = true;
-    for (auto &entry : shared_->endpoints)
-        entry.second->wake.notify_all();
+    shared_->work.notify_all();
+    shared_->lookups.notify_all();
 }
 
 void BroadcastHub::attach(binder_connection *bs) { shared_->bs = bs; }
 
-void BroadcastHub::add(const std::string &name)
+bool BroadcastHub::add(const std::string &name)
 {
-    std::lock_guard<std::mutex> lock(shared_->mutex);
-    if (shared_->stopping || shared_->endpoints.count(name))
-        return;
+    Shared &hub = *shared_;
+    std::lock_guard<std::mutex> lock(hub.mutex);
+    if (hub.stopping)
+        return false;
+    if (hub.endpoints.count(name))
+        return true;
+    if (hub.endpoints.size() >= kMaxEndpoints) {
+        if (!hub.refusing)
+            std::fprintf(stderr,
+                         "hmisvc-devsim: broadcast endpoint \"%s\" refused: %zu endpoints are registered "
+                         "(further refusals not shown until one is taken again)\n",
+                         name.c_str(), kMaxEndpoints);
+        hub.refusing = true;
+        return false;
+    }
+    hub.refusing = false;
     auto ep = std::make_shared<Shared::Endpoint>();
+    ep->hub = &hub;
     ep->name = name;
-    ep->mutex = &shared_->mutex;
-    shared_->endpoints.emplace(name, ep);
-    std::thread(Shared::run, shared_, ep).detach();
+    ep->next_try = Steady::now();
+    ep->give_up = ep->next_try + hub.attempts * hub.retry;
+    ep->wait = hub.retry;
+    hub.endpoints.emplace(name, ep);
+    if (!hub.looking_up) {
+        hub.looking_up = true;
+        std::thread(Shared::run_lookups, shared_).detach();
+    } else {
+        hub.lookups.notify_one();
+    }
+    return true;
 }
 
 void BroadcastHub::send(const std::string &payload)
 {
-    std::lock_guard<std::mutex> lock(shared_->mutex);
-    for (auto &entry : shared_->endpoints) {
-        entry.second->queue.push_back(payload);
-        entry.second->wake.notify_one();
+    Shared &hub = *shared_;
+    auto shared_payload = std::make_shared<const std::string>(payload);
+    std::lock_guard<std::mutex> lock(hub.mutex);
+    for (auto &[name, ep] : hub.endpoints) {
+        if (ep->queue.size() >= kMaxQueued) {
+            ep->queue.pop_front();
+            if (!ep->overflowing)
+                std::fprintf(stderr,
+                             "hmisvc-devsim: broadcast endpoint \"%s\" takes intents too slowly: "
+                             "the oldest queued are dropped (%zu kept)\n",
+                             name.c_str(), kMaxQueued);
+            ep->overflowing = true;
+        } else if (ep->queue.empty()) {
+            ep->overflowing = false;
+        }
+        ep->queue.push_back(shared_payload);
+        hub.schedule(ep);
     }
 }
 

@@ -1,6 +1,8 @@
 // The broadcast service of the simulated device: it remembers endpoint names
-// and fans every sent intent out to them, each endpoint fed by a delivery
-// thread of its own so that a slow or dead one holds up nobody else.
+// and fans every sent intent out to them. A fixed number of threads does the
+// work whatever registers: one looks up names that are not published yet,
+// a few deliver, each endpoint's intents in order, so that a slow or dead
+// endpoint holds up one delivery thread at most and nobody else.
 #ifndef HMISVC_DEVSIM_BROADCAST_HUB_H
 #define HMISVC_DEVSIM_BROADCAST_HUB_H
 
@@ -16,8 +18,18 @@ namespace hmisvc::devsim {
 
 class BroadcastHub {
 public:
-    // A name that cannot be looked up is tried `attempts` times, `retry`
-    // apart, before it is dropped: endpoints register before they publish.
+    // Endpoints remembered at once, looked up or not; a registration past
+    // them is refused.
+    static constexpr std::size_t kMaxEndpoints = 256;
+    // Threads that deliver (started as deliveries need them).
+    static constexpr std::size_t kDeliveryThreads = 8;
+    // Intents queued for one endpoint that has not taken them yet; past
+    // that the oldest is dropped, and said so.
+    static constexpr std::size_t kMaxQueued = 64;
+
+    // A name that cannot be looked up is dropped after `attempts` times
+    // `retry` (endpoints register before they publish); it is tried after
+    // `retry`, then ever less often, at least once a second.
     explicit BroadcastHub(int attempts = 100, std::chrono::milliseconds retry = std::chrono::milliseconds(50));
     ~BroadcastHub();
     BroadcastHub(const BroadcastHub &) = delete;
@@ -27,8 +39,9 @@ public:
     // the driver keeps the state of each calling thread apart).
     void attach(binder_connection *bs);
 
-    // Code 0: a name already known is kept once.
-    void add(const std::string &name);
+    // Code 0: a name already known is kept once; false (and said on
+    // standard error) when kMaxEndpoints are remembered already.
+    bool add(const std::string &name);
     // Code 1: queues the payload for every endpoint and returns at once.
     void send(const std::string &payload);
 

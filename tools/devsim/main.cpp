@@ -28,8 +28,10 @@ using hmisvc::devsim::Json;
 using hmisvc::devsim::Service;
 using hmisvc::devsim::Simulator;
 
-// Threads serving the services: a call that `sim fail --delay-ms` holds up
-// occupies one, and the others go on serving.
+// Threads serving the services. A call that `sim fail --delay-ms` holds up
+// keeps its thread (its reply must go out on it), so each delayed call gets
+// a thread of its own beside these, and these always serve, the control
+// service included.
 constexpr int kLoopers = 4;
 // Per-thread reply area: the largest answer is a dump of the state.
 constexpr std::size_t kReplyArea = 256 * 1024;
@@ -69,7 +71,7 @@ int main(int argc, char **argv)
     }
 #else
     if (!http.empty()) {
-        std::fprintf(stderr, "hmisvc-devsim: --http: this build has no browser panel (built without cpp-httplib)\n");
+        std::fprintf(stderr, "hmisvc-devsim: --http: this build has no browser panel (built without libmicrohttpd)\n");
         return 2;
     }
 #endif
@@ -156,9 +158,21 @@ int main(int argc, char **argv)
     auto handler = [&](const binder_transaction_data &txn, binder_io &msg, binder_io &reply) {
         return simulator.handle(txn, msg, reply);
     };
-    std::vector<std::thread> loopers;
+    auto serve_more = [&] {
+        std::thread([&] { hmisvc::tools::serve(bs, handler, kReplyArea, false); }).detach();
+    };
+    // Threads serving, and how many of them wait out a delay (under the
+    // simulator's lock, which the hook is called with).
+    int serving = kLoopers, waiting = 0;
+    simulator.on_delay([&](bool starts) {
+        waiting += starts ? 1 : -1;
+        if (starts && serving - waiting < kLoopers) {
+            ++serving;
+            serve_more();
+        }
+    });
     for (int i = 1; i < kLoopers; ++i)
-        loopers.emplace_back([&] { hmisvc::tools::serve(bs, handler, kReplyArea, false); });
+        serve_more();
     hmisvc::tools::serve(bs, handler, kReplyArea, true);
     // The loop returns only when the driver failed; it has said why.
     std::_Exit(1);

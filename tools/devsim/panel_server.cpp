@@ -1,12 +1,21 @@
 #include "panel_server.h"
 
-#include <httplib.h>
+#include <microhttpd.h>
 
+#include <netdb.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <random>
+#include <set>
 #include <thread>
 
 namespace hmisvc::devsim {
@@ -25,13 +34,27 @@ namespace {
 
 // Calls a page that opens late still gets to see.
 constexpr std::size_t kKeptCalls = 100;
-// Events a slow page may fall behind by before it misses some.
+// Calls a slow page may fall behind by before it misses some, in number
+// and in bytes: a call's arguments may be large.
 constexpr std::size_t kKeptEvents = 512;
+constexpr std::size_t kKeptBytes = 4 << 20;
 // A connected page is sent a comment this often, which also tells the
 // server when it has gone.
 constexpr auto kKeepAlive = std::chrono::seconds(15);
-// Threads for requests: each open page holds one for its event stream.
-constexpr std::size_t kHttpThreads = 16;
+// One thread serves every connection, so a page's event stream or a slow
+// client costs a connection slot and its memory, never a thread. A request
+// (headers, body and answer) has kRequestDeadline to complete; an idle
+// connection is closed after kIdleSeconds.
+constexpr unsigned kIdleSeconds = 10;
+constexpr auto kRequestDeadline = std::chrono::seconds(10);
+constexpr unsigned kMaxConnections = 1000;
+constexpr std::size_t kMaxStreams = 256;
+// Per connection: request line and headers must fit (431 beyond).
+constexpr std::size_t kConnectionMemory = 32 * 1024;
+// A steering request's body (a state document for load); 413 beyond.
+constexpr std::size_t kMaxBody = 4 << 20;
+// Bytes a stream hands the server at a time.
+constexpr std::size_t kStreamBlock = 16 * 1024;
 
 std::string random_token()
 {
@@ -95,8 +118,15 @@ bool HttpAddress::parse(const std::string &text, HttpAddress &out, std::string &
 bool panel_host_allowed(const std::string &host_header)
 {
     std::string host = host_header;
-    if (!host.empty() && host.front() == '[')  // [IPv6]:port
-        return host.find(']') != std::string::npos;
+    std::string port;
+    if (!host.empty() && host.front() == '[') {  // [IPv6]:port, the address itself hex digits and colons
+        std::size_t close = host.find(']');
+        if (close == std::string::npos || close < 3 ||
+            host.find_first_not_of("0123456789abcdefABCDEF:.", 1) != close)
+            return false;
+        port = host.substr(close + 1);
+        return port.empty() || (port[0] == ':' && all_digits(port.substr(1)));
+    }
     if (std::size_t colon = host.rfind(':'); colon != std::string::npos) {
         if (!all_digits(host.substr(colon + 1)))
             return false;
@@ -108,36 +138,81 @@ bool panel_host_allowed(const std::string &host_header)
     return !host.empty() && host.find_first_not_of("0123456789.") == std::string::npos;
 }
 
+namespace {
+
+using Text = std::shared_ptr<const std::string>;
+Text text(std::string s) { return std::make_shared<const std::string>(std::move(s)); }
+
+const Text &piece(const char *what)
+{
+    static const std::map<std::string, Text> pieces = {{"call", text("event: call\ndata: ")},
+                                                       {"state", text("event: state\ndata: ")},
+                                                       {"end", text("\n\n")},
+                                                       {"keep-alive", text(": keep-alive\n\n")}};
+    return pieces.at(what);
+}
+
+using Steady = std::chrono::steady_clock;
+
+}  // namespace
+
 struct PanelServer::Impl {
     Control &control;
     Simulator &simulator;
     tools::Publisher &publisher;
     std::string token = random_token();
-    httplib::Server http;
+    MHD_Daemon *daemon = nullptr;
     int port = 0;
-    std::thread serving;
 
-    // Events for the pages: a numbered window of SSE messages.
+    // One page's event stream: what it has been sent, and what is on its
+    // way (shared with the other streams, never copied per page).
+    struct Stream {
+        Impl *impl;
+        MHD_Connection *connection;
+        bool first = true;
+        bool suspended = false;  // nothing to send; resumed when there is
+        bool keep_alive = false;
+        uint64_t seen_call = 0;
+        uint64_t seen_state = 0;
+        std::deque<Text> pending;
+        std::size_t offset = 0;  // into pending.front()
+    };
+    // One connection, for the request deadline.
+    struct Connection {
+        int fd;
+        Steady::time_point since;  // connected, or the last request completed
+        bool streaming = false;
+    };
+    // One steering request's body as it arrives.
+    struct Upload {
+        std::string body;
+        bool too_large = false;
+    };
+
     std::mutex mutex;
     std::condition_variable wake;
-    std::deque<std::string> events;
-    uint64_t next_event = 0;  // number of the event after events.back()
-    std::deque<Json> calls;   // the last kKeptCalls, oldest first
-    std::string last_state;
+    std::deque<Text> recent;  // the calls' JSON texts, oldest first
+    std::size_t recent_bytes = 0;
+    uint64_t next_call = 0;  // number of the call after recent.back()
+    Text state;              // the last state document
+    uint64_t state_seq = 0;
     bool state_dirty = true;
     bool stopping = false;
+    std::set<Stream *> streams;
+    std::set<Connection *> connections;
     std::thread pusher;
+    std::map<std::string, std::function<ControlResult(const Json &)>> steering;
 
     Impl(Control &c, Simulator &s, tools::Publisher &p) : control(c), simulator(s), publisher(p) {}
 
-    // With the lock held.
-    void push(const char *event, const std::string &data)
+    // With the lock held: streams waiting for something get it.
+    void wake_streams()
     {
-        events.push_back(std::string("event: ") + event + "\ndata: " + data + "\n\n");
-        ++next_event;
-        if (events.size() > kKeptEvents)
-            events.pop_front();
-        wake.notify_all();
+        for (Stream *s : streams)
+            if (s->suspended) {
+                s->suspended = false;
+                MHD_resume_connection(s->connection);
+            }
     }
 
     // Whether a call may have changed what the page shows: queries change
@@ -153,18 +228,34 @@ struct PanelServer::Impl {
     void observed(const Json *call)
     {
         bool dirty = !call || may_change(*call);
-        Json shown;
-        if (call)
-            shown = *call, shown["caller"] = program_of(shown.value("pid", 0));
+        Text shown;
+        if (call) {
+            Json c = *call;
+            c["caller"] = program_of(c.value("pid", 0));
+            shown = text(c.dump());
+        }
         std::lock_guard<std::mutex> hold(mutex);
         state_dirty = state_dirty || dirty;
-        if (call) {
-            calls.push_back(shown);
-            if (calls.size() > kKeptCalls)
-                calls.pop_front();
-            push("call", shown.dump());
+        if (shown) {
+            recent.push_back(shown);
+            recent_bytes += shown->size();
+            ++next_call;
+            while (recent.size() > kKeptEvents || (recent_bytes > kKeptBytes && recent.size() > 1)) {
+                recent_bytes -= recent.front()->size();
+                recent.pop_front();
+            }
+            wake_streams();
         }
         wake.notify_all();
+    }
+
+    // With the lock held: the last kKeptCalls calls as a JSON array.
+    std::string recent_calls() const
+    {
+        std::string out = "[";
+        for (std::size_t i = recent.size() > kKeptCalls ? recent.size() - kKeptCalls : 0; i < recent.size(); ++i)
+            out += (out.size() > 1 ? "," : "") + *recent[i];
+        return out + "]";
     }
 
     // The state event: the device's state and each service's standing.
@@ -191,136 +282,338 @@ struct PanelServer::Impl {
         return doc.dump();
     }
 
-    // Turns "something may have changed" into one state event when the
-    // state did change, however many calls asked.
+    // Turns "something may have changed" into one new state when the state
+    // did change, however many calls asked; pages that fall behind get the
+    // latest state, not every one in between. Also keeps the streams alive
+    // and ends requests that overrun their deadline.
     void run_pusher()
     {
+        auto keep_alive = Steady::now() + kKeepAlive;
         std::unique_lock<std::mutex> hold(mutex);
         while (!stopping) {
-            wake.wait(hold, [&] { return state_dirty || stopping; });
+            wake.wait_until(hold, std::min(Steady::now() + std::chrono::seconds(1), keep_alive),
+                            [&] { return state_dirty || stopping; });
             if (stopping)
                 break;
-            state_dirty = false;
-            hold.unlock();
-            std::string state = state_document();
-            hold.lock();
-            if (state != last_state) {
-                last_state = state;
-                push("state", state);
+            if (state_dirty) {
+                state_dirty = false;
+                hold.unlock();
+                std::string doc = state_document();
+                hold.lock();
+                if (!state || *state != doc) {
+                    state = text(std::move(doc));
+                    ++state_seq;
+                    wake_streams();
+                }
             }
+            auto now = Steady::now();
+            if (now >= keep_alive) {
+                for (Stream *s : streams)
+                    s->keep_alive = true;
+                wake_streams();
+                keep_alive = now + kKeepAlive;
+            }
+            // The server then sees the connection end and closes it.
+            for (Connection *c : connections)
+                if (!c->streaming && now - c->since > kRequestDeadline) {
+                    shutdown(c->fd, SHUT_RDWR);
+                    c->since = now;
+                }
         }
     }
 
-    void stream(const httplib::Request &, httplib::Response &res)
+    // With the lock held: queues what the page has not seen yet, a bounded
+    // amount at a time.
+    void fill(Stream &s)
     {
-        res.set_header("Cache-Control", "no-store");
-        auto first = std::make_shared<bool>(true);
-        auto seen = std::make_shared<uint64_t>(0);
-        res.set_chunked_content_provider("text/event-stream", [this, first, seen](size_t, httplib::DataSink &sink) {
-            std::string out;
-            {
-                std::unique_lock<std::mutex> hold(mutex);
-                if (*first) {
-                    *first = false;
-                    // A page that opens gets the state and the recent calls at once.
-                    Json recent = Json::array();
-                    for (const Json &c : calls)
-                        recent.push_back(c);
-                    out = "retry: 1000\nevent: hello\ndata: " + recent.dump() + "\n\n";
-                    if (!last_state.empty())
-                        out += "event: state\ndata: " + last_state + "\n\n";
-                    *seen = next_event;
-                } else {
-                    bool more = wake.wait_for(hold, kKeepAlive, [&] { return next_event > *seen || stopping; });
-                    if (stopping)
-                        return false;
-                    if (!more)
-                        out = ": keep-alive\n\n";
-                    uint64_t oldest = next_event - events.size();
-                    if (*seen < oldest)
-                        out += "event: lost\ndata: " + std::to_string(oldest - *seen) + "\n\n", *seen = oldest;
-                    for (; *seen < next_event; ++*seen)
-                        out += events[*seen - oldest];
-                }
-            }
-            return sink.write(out.data(), out.size());
-        });
+        auto add = [&](const Text &head, const Text &body) {
+            s.pending.push_back(head);
+            s.pending.push_back(body);
+            s.pending.push_back(piece("end"));
+        };
+        if (s.first) {
+            // A page that opens gets the state and the recent calls at once.
+            s.first = false;
+            s.pending.push_back(text("retry: 1000\nevent: hello\ndata: " + recent_calls() + "\n\n"));
+            if (state)
+                add(piece("state"), state);
+            s.seen_call = next_call;
+            s.seen_state = state_seq;
+            return;
+        }
+        uint64_t oldest = next_call - recent.size();
+        if (s.seen_call < oldest) {
+            s.pending.push_back(text("event: lost\ndata: " + std::to_string(oldest - s.seen_call) + "\n\n"));
+            s.seen_call = oldest;
+        }
+        for (std::size_t bytes = 0; s.seen_call < next_call && bytes < kStreamBlock * 4; ++s.seen_call) {
+            const Text &call = recent[s.seen_call - oldest];
+            add(piece("call"), call);
+            bytes += call->size();
+        }
+        if (s.seen_call == next_call && state && s.seen_state != state_seq) {
+            add(piece("state"), state);
+            s.seen_state = state_seq;
+        }
+        if (s.pending.empty() && s.keep_alive)
+            s.pending.push_back(piece("keep-alive"));
+        s.keep_alive = false;
     }
 
-    static void reply(httplib::Response &res, int status, const Json &body)
+    static ssize_t read_stream(void *cls, uint64_t, char *buf, size_t max)
     {
-        res.status = status;
-        res.set_content(body.dump(), "application/json");
+        auto &s = *static_cast<Stream *>(cls);
+        Impl &i = *s.impl;
+        std::lock_guard<std::mutex> hold(i.mutex);
+        if (i.stopping)
+            return MHD_CONTENT_READER_END_OF_STREAM;
+        if (s.pending.empty())
+            i.fill(s);
+        if (s.pending.empty()) {
+            // Taken off the server's loop until there is something to send.
+            s.suspended = true;
+            MHD_suspend_connection(s.connection);
+            return 0;
+        }
+        std::size_t n = 0;
+        while (n < max && !s.pending.empty()) {
+            const std::string &front = *s.pending.front();
+            std::size_t take = std::min(max - n, front.size() - s.offset);
+            std::memcpy(buf + n, front.data() + s.offset, take);
+            n += take;
+            s.offset += take;
+            if (s.offset == front.size())
+                s.pending.pop_front(), s.offset = 0;
+        }
+        return static_cast<ssize_t>(n);
     }
 
-    // A steering request: checked, parsed, then answered from the
-    // control code's result.
-    template <class F> void steer(const std::string &path, F f)
+    static void end_stream(void *cls)
     {
-        http.Post(path, [this, f](const httplib::Request &req, httplib::Response &res) {
-            if (!same_secret(req.get_header_value("X-Hmisvc-Token"), token))
-                return reply(res, 403, {{"error", "missing or wrong token (X-Hmisvc-Token)"}});
-            Json body = Json::parse(req.body, nullptr, false);
-            if (!body.is_object())
-                return reply(res, 400, {{"error", "the request body must be a JSON object"}});
-            ControlResult r;
-            try {
-                r = f(body);
-            } catch (const Json::exception &e) {
-                return reply(res, 400, {{"error", std::string("bad request: ") + e.what()}});
+        auto *s = static_cast<Stream *>(cls);
+        {
+            std::lock_guard<std::mutex> hold(s->impl->mutex);
+            s->impl->streams.erase(s);
+        }
+        delete s;
+    }
+
+    static MHD_Result send(MHD_Connection *c, unsigned status, MHD_Response *res, const char *type)
+    {
+        MHD_add_response_header(res, "Content-Type", type);
+        MHD_add_response_header(res, "Cache-Control", "no-store");
+        MHD_Result r = MHD_queue_response(c, status, res);
+        MHD_destroy_response(res);
+        return r;
+    }
+
+    static MHD_Result reply(MHD_Connection *c, unsigned status, const std::string &body,
+                            const char *type = "application/json")
+    {
+        return send(c, status,
+                    MHD_create_response_from_buffer(body.size(), const_cast<char *>(body.data()), MHD_RESPMEM_MUST_COPY),
+                    type);
+    }
+
+    static MHD_Result error(MHD_Connection *c, unsigned status, const std::string &why)
+    {
+        return reply(c, status, Json{{"error", why}}.dump());
+    }
+
+    MHD_Result open_stream(MHD_Connection *c)
+    {
+        auto *s = new Stream{this, c, true, false, false, 0, 0, {}, 0};
+        {
+            std::lock_guard<std::mutex> hold(mutex);
+            if (streams.size() >= kMaxStreams) {
+                delete s;
+                return error(c, MHD_HTTP_SERVICE_UNAVAILABLE,
+                             "too many open pages (" + std::to_string(kMaxStreams) + "); close some");
             }
-            observed(nullptr);
-            if (r.code == ControlResult::kDone)
-                return reply(res, 200, {{"ok", true}, {"text", r.text}});
-            reply(res, r.code == ControlResult::kRefused ? 400 : 409, {{"error", r.text}});
-        });
+            streams.insert(s);
+            auto *info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+            if (info && info->socket_context)
+                static_cast<Connection *>(info->socket_context)->streaming = true;
+        }
+        return send(c, MHD_HTTP_OK, MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kStreamBlock, read_stream, s, end_stream),
+                    "text/event-stream");
+    }
+
+    MHD_Result get(MHD_Connection *c, const std::string &url)
+    {
+        for (std::size_t i = 0; i < kPanelAssetCount; ++i) {
+            const PanelAsset &a = kPanelAssets[i];
+            if (url != a.path)
+                continue;
+            MHD_Response *res = MHD_create_response_from_buffer(a.size, const_cast<unsigned char *>(a.data),
+                                                                MHD_RESPMEM_PERSISTENT);
+            MHD_add_response_header(res, "Content-Security-Policy",
+                                    "default-src 'self'; img-src 'self' data:; frame-ancestors 'none'");
+            MHD_add_response_header(res, "X-Content-Type-Options", "nosniff");
+            return send(c, MHD_HTTP_OK, res, a.type);
+        }
+        if (url == "/events")
+            return open_stream(c);
+        if (url == "/api/state")
+            return reply(c, MHD_HTTP_OK, state_document());
+        if (url == "/api/calls") {
+            std::lock_guard<std::mutex> hold(mutex);
+            return reply(c, MHD_HTTP_OK, recent_calls());
+        }
+        return error(c, MHD_HTTP_NOT_FOUND, "no such page: " + url);
+    }
+
+    // A steering request: answered from the control code's result.
+    MHD_Result steer(MHD_Connection *c, const std::string &url, const std::string &text)
+    {
+        Json body = Json::parse(text, nullptr, false);
+        if (!body.is_object())
+            return error(c, MHD_HTTP_BAD_REQUEST, "the request body must be a JSON object");
+        ControlResult r;
+        try {
+            r = steering.at(url)(body);
+        } catch (const Json::exception &e) {
+            return error(c, MHD_HTTP_BAD_REQUEST, std::string("bad request: ") + e.what());
+        }
+        observed(nullptr);
+        if (r.code == ControlResult::kDone)
+            return reply(c, MHD_HTTP_OK, Json{{"ok", true}, {"text", r.text}}.dump());
+        return error(c, r.code == ControlResult::kRefused ? MHD_HTTP_BAD_REQUEST : MHD_HTTP_CONFLICT, r.text);
+    }
+
+    // Everything about a request that its headers decide, before any of
+    // its body is read: an answer, or null to take the body.
+    MHD_Result first_look(MHD_Connection *c, const std::string &url, const std::string &method, void **upload)
+    {
+        auto header = [c](const char *name) {
+            const char *v = MHD_lookup_connection_value(c, MHD_HEADER_KIND, name);
+            return std::string(v ? v : "");
+        };
+        std::string host = header("Host");
+        if (!panel_host_allowed(host))
+            return error(c, MHD_HTTP_FORBIDDEN, "Host must be localhost or an address");
+        // A page of another origin (a browser sends its origin with a POST).
+        if (std::string origin = header("Origin"); !origin.empty() && origin != "http://" + host)
+            return error(c, MHD_HTTP_FORBIDDEN, "Origin " + origin + " is not this panel's");
+        if (method == "GET" || method == "HEAD")
+            return get(c, url);
+        if (method != "POST")
+            return error(c, MHD_HTTP_METHOD_NOT_ALLOWED, method + " is not taken here (GET or POST)");
+        if (!steering.count(url))
+            return error(c, MHD_HTTP_NOT_FOUND, "no such request: " + url);
+        if (!same_secret(header("X-Hmisvc-Token"), token))
+            return error(c, MHD_HTTP_FORBIDDEN, "missing or wrong token (X-Hmisvc-Token)");
+        std::string length = header("Content-Length");
+        if (!length.empty() && (!all_digits(length) || length.size() > 12 || std::stoull(length) > kMaxBody))
+            return too_large(c);
+        *upload = new Upload;
+        return MHD_YES;
+    }
+
+    static MHD_Result too_large(MHD_Connection *c)
+    {
+        return error(c, MHD_HTTP_CONTENT_TOO_LARGE,
+                     "request body larger than " + std::to_string(kMaxBody >> 20) + " MiB");
+    }
+
+    static MHD_Result on_request(void *cls, MHD_Connection *c, const char *url, const char *method, const char *,
+                                 const char *data, size_t *size, void **request)
+    {
+        Impl &i = *static_cast<Impl *>(cls);
+        if (!*request)
+            return i.first_look(c, url, method, request);
+        auto &upload = *static_cast<Upload *>(*request);
+        if (*size) {
+            // A body without a length that grows past the limit: the rest
+            // is read and dropped (the request deadline bounds how long),
+            // as the answer can only go out once it is in.
+            upload.too_large = upload.too_large || upload.body.size() + *size > kMaxBody;
+            if (upload.too_large)
+                std::string().swap(upload.body);
+            else
+                upload.body.append(data, *size);
+            *size = 0;
+            return MHD_YES;
+        }
+        return upload.too_large ? too_large(c) : i.steer(c, url, upload.body);
+    }
+
+    static void on_completed(void *cls, MHD_Connection *c, void **request, MHD_RequestTerminationCode)
+    {
+        delete static_cast<Upload *>(*request);
+        *request = nullptr;
+        auto *info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+        if (info && info->socket_context) {
+            Impl &i = *static_cast<Impl *>(cls);
+            std::lock_guard<std::mutex> hold(i.mutex);
+            auto *conn = static_cast<Connection *>(info->socket_context);
+            conn->since = Steady::now();
+            conn->streaming = false;
+        }
+    }
+
+    static void on_connection(void *cls, MHD_Connection *c, void **context, MHD_ConnectionNotificationCode code)
+    {
+        Impl &i = *static_cast<Impl *>(cls);
+        std::lock_guard<std::mutex> hold(i.mutex);
+        if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+            auto *info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CONNECTION_FD);
+            auto *conn = new Connection{info ? info->connect_fd : -1, Steady::now()};
+            i.connections.insert(conn);
+            *context = conn;
+        } else if (auto *conn = static_cast<Connection *>(*context)) {
+            i.connections.erase(conn);
+            delete conn;
+            *context = nullptr;
+        }
     }
 
     void routes()
     {
-        http.set_pre_routing_handler([](const httplib::Request &req, httplib::Response &res) {
-            if (!panel_host_allowed(req.get_header_value("Host"))) {
-                reply(res, 403, {{"error", "Host must be localhost or an address"}});
-                return httplib::Server::HandlerResponse::Handled;
-            }
-            return httplib::Server::HandlerResponse::Unhandled;
-        });
-        for (std::size_t i = 0; i < kPanelAssetCount; ++i) {
-            const PanelAsset &a = kPanelAssets[i];
-            http.Get(a.path, [&a](const httplib::Request &, httplib::Response &res) {
-                res.set_header("Cache-Control", "no-store");
-                res.set_header("Content-Security-Policy",
-                               "default-src 'self'; img-src 'self' data:; frame-ancestors 'none'");
-                res.set_header("X-Content-Type-Options", "nosniff");
-                res.set_content(reinterpret_cast<const char *>(a.data), a.size, a.type);
-            });
-        }
-        http.Get("/events", [this](const httplib::Request &req, httplib::Response &res) { stream(req, res); });
-        http.Get("/api/state", [this](const httplib::Request &, httplib::Response &res) {
-            res.set_content(state_document(), "application/json");
-        });
-        http.Get("/api/calls", [this](const httplib::Request &, httplib::Response &res) {
-            std::lock_guard<std::mutex> hold(mutex);
-            reply(res, 200, Json(calls));
-        });
-
         using S = std::string;
-        steer("/api/set", [this](const Json &b) {
+        steering["/api/set"] = [this](const Json &b) {
             // As JSON always, so that the string "12" stays a string.
             return control.set(b.at("key").get<S>(), b.at("value").dump());
-        });
-        steer("/api/load", [this](const Json &b) { return control.load_state(b.at("state").get<S>()); });
-        steer("/api/fail", [this](const Json &b) {
+        };
+        steering["/api/load"] = [this](const Json &b) { return control.load_state(b.at("state").get<S>()); };
+        steering["/api/fail"] = [this](const Json &b) {
             return control.fail(b.at("service").get<S>(),
                                 {b.value("status", 0), b.value("calls", -1), b.value("delay_ms", 0)});
-        });
-        steer("/api/heal", [this](const Json &b) { return control.heal(b.at("service").get<S>()); });
-        steer("/api/publish", [this](const Json &b) { return control.publish(b.at("service").get<S>()); });
-        steer("/api/unpublish", [this](const Json &b) { return control.unpublish(b.at("service").get<S>()); });
-        steer("/api/broadcast", [this](const Json &b) {
+        };
+        steering["/api/heal"] = [this](const Json &b) { return control.heal(b.at("service").get<S>()); };
+        steering["/api/publish"] = [this](const Json &b) { return control.publish(b.at("service").get<S>()); };
+        steering["/api/unpublish"] = [this](const Json &b) { return control.unpublish(b.at("service").get<S>()); };
+        steering["/api/broadcast"] = [this](const Json &b) {
             return control.broadcast(b.at("action").get<S>(), b.value("ints", std::map<S, int>{}),
                                      b.value("strings", std::map<S, S>{}));
-        });
+        };
+    }
+
+    // The listening socket, bound here so that a failure can be told.
+    int listen_on(const HttpAddress &address, bool &ipv6)
+    {
+        addrinfo hints{}, *found = nullptr;
+        hints.ai_family = AF_UNSPEC;
+        hints.ai_socktype = SOCK_STREAM;
+        hints.ai_flags = AI_PASSIVE;
+        if (getaddrinfo(address.host.c_str(), std::to_string(address.port).c_str(), &hints, &found) != 0)
+            return -1;
+        int fd = -1;
+        for (addrinfo *a = found; a && fd < 0; a = a->ai_next) {
+            fd = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
+            int on = 1;
+            setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+            if (fd >= 0 && (bind(fd, a->ai_addr, a->ai_addrlen) != 0 || listen(fd, 511) != 0))
+                close(fd), fd = -1;
+            ipv6 = a->ai_family == AF_INET6;
+        }
+        freeaddrinfo(found);
+        sockaddr_storage bound{};
+        socklen_t len = sizeof bound;
+        if (fd >= 0 && getsockname(fd, reinterpret_cast<sockaddr *>(&bound), &len) == 0)
+            port = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6 *>(&bound)->sin6_port
+                                                     : reinterpret_cast<sockaddr_in *>(&bound)->sin_port);
+        return fd;
     }
 };
 
@@ -335,27 +628,46 @@ PanelServer::~PanelServer()
     {
         std::lock_guard<std::mutex> hold(impl_->mutex);
         impl_->stopping = true;
+        impl_->wake_streams();
         impl_->wake.notify_all();
     }
-    impl_->http.stop();
-    if (impl_->serving.joinable())
-        impl_->serving.join();
     if (impl_->pusher.joinable())
         impl_->pusher.join();
+    if (impl_->daemon)
+        MHD_stop_daemon(impl_->daemon);
 }
 
 std::string PanelServer::start(const HttpAddress &address)
 {
     Impl &i = *impl_;
-    i.http.new_task_queue = [] { return new httplib::ThreadPool(kHttpThreads); };
     i.routes();
-    i.port = address.port ? (i.http.bind_to_port(address.host, address.port) ? address.port : -1)
-                          : i.http.bind_to_any_port(address.host);
-    if (i.port < 0)
+    bool ipv6 = false;
+    int fd = i.listen_on(address, ipv6);
+    if (fd < 0)
         return "--http: cannot serve the panel on " + address.host + ":" + std::to_string(address.port) +
                " (port in use, or not an address of this machine)";
+    // Room for the connections beside the program's other descriptors.
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    if (files.rlim_cur < kMaxConnections + 100 && files.rlim_cur < files.rlim_max) {
+        files.rlim_cur = std::min<rlim_t>(files.rlim_max, kMaxConnections + 100);
+        setrlimit(RLIMIT_NOFILE, &files);
+    }
+    unsigned limit = files.rlim_cur > 200 ? std::min<unsigned>(kMaxConnections, files.rlim_cur - 100) : 100;
+    unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | (ipv6 ? MHD_USE_IPv6 : 0);
+    i.daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &Impl::on_request, &i,
+                                MHD_OPTION_LISTEN_SOCKET, fd,
+                                MHD_OPTION_CONNECTION_LIMIT, limit,
+                                MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
+                                MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory,
+                                MHD_OPTION_NOTIFY_COMPLETED, &Impl::on_completed, &i,
+                                MHD_OPTION_NOTIFY_CONNECTION, &Impl::on_connection, &i,
+                                MHD_OPTION_END);
+    if (!i.daemon) {
+        close(fd);
+        return "--http: the panel's server did not start";
+    }
     i.pusher = std::thread([&i] { i.run_pusher(); });
-    i.serving = std::thread([&i] { i.http.listen_after_bind(); });
     return {};
 }
 

@@ -173,7 +173,8 @@ std::vector<Service> make_services(Device &d)
         {"beep", {beep("Beep", [](Beeper &b, int32_t x, int32_t y) { ++b.beeps, b.last[0] = x, b.last[1] = y; })}},
         {"broadcast",
          {On{d.broadcasts}("RegisterBroadcastService",
-                           [](BroadcastHub &h, Text name) { return h.add(name), int32_t{0}; }),
+                           // -1: refused, the list is full.
+                           [](BroadcastHub &h, Text name) { return h.add(name) ? int32_t{0} : int32_t{-1}; }),
           // The intent travels as it came: the endpoints decode it.
           {"SendBroadcast",
            [&d](Request &in, binder_io &reply, Json *trace) {
@@ -303,6 +304,8 @@ void Simulator::fail(const Service &service, Fault fault)
 bool Simulator::heal(const Service &service)
 {
     std::lock_guard<std::mutex> hold(mutex_);
+    ++heals_[&service];
+    healed_.notify_all();
     return faults_.erase(&service) != 0;
 }
 
@@ -359,18 +362,30 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
 
     Fault fault;
     bool injected = service && take_fault(service, fault);
-    if (injected && fault.delay_ms > 0) {
-        hold.unlock();
-        std::this_thread::sleep_for(std::chrono::milliseconds(fault.delay_ms));
-        hold.lock();
+    const char *why = service ? "unknown code" : "unknown object";
+    if (injected && fault.delay_ms > 0 && delayed_ < kMaxDelayed) {
+        // Waited out without the device's lock; a heal ends the wait.
+        ++delayed_;
+        if (on_delay_)
+            on_delay_(true);
+        uint64_t heals = heals_[service];
+        healed_.wait_for(hold, std::chrono::milliseconds(fault.delay_ms), [&] { return heals_[service] != heals; });
+        --delayed_;
+        if (on_delay_)
+            on_delay_(false);
         injected = false;  // late, then served as usual
+    } else if (injected && fault.delay_ms > 0) {
+        fault.status = Fault::kFailCall;
+        why = "too many delayed calls waiting";
+        std::fprintf(stderr, "hmisvc-devsim: %s call failed at once: %d delayed calls are waiting already\n",
+                     service->name, kMaxDelayed);
     }
     Json trace;
     int status = kUnknownMethod;
-    const char *why = service ? "unknown code" : "unknown object";
     if (injected) {
         status = fault.status == Fault::kFailCall ? tools::kFailTransaction : fault.status;
-        why = "failure injected";
+        if (fault.delay_ms == 0)
+            why = "failure injected";
     } else if (method) {
         Request in(msg);
         status = method->run(in, reply, trace_ || observer_ ? &trace : nullptr);

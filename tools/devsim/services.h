@@ -10,6 +10,7 @@
 
 #include <hmisvc/binder.h>
 
+#include <condition_variable>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -106,7 +107,18 @@ public:
     void add_extra(const Service *service) { extra_ = service; }
 
     void fail(const Service &service, Fault fault);
+    // Also releases, at once, the calls the service's fault is delaying.
     bool heal(const Service &service);
+
+    // Calls delayed at once, over all services; a call past them is failed
+    // at once instead (and said so on standard error).
+    static constexpr int kMaxDelayed = 32;
+    // Told when a serving thread starts (true) and ends (false) waiting out
+    // a delay, under the device's lock, so that the program can keep a
+    // thread free to serve: a reply goes out on the thread that took the
+    // transaction, so a delayed call keeps its thread. Set it before
+    // serving starts.
+    void on_delay(std::function<void(bool waiting)> f) { on_delay_ = std::move(f); }
 
     // Called after each call to a device service with its trace record, and
     // with null after each request to the extra service (which may have
@@ -133,6 +145,11 @@ private:
     std::unique_ptr<TraceWriter> trace_writer_;
     std::mutex mutex_;
     std::map<const Service *, Fault> faults_;
+    // Heals per service, so that a delayed call sees the one that releases it.
+    std::map<const Service *, uint64_t> heals_;
+    std::condition_variable healed_;
+    int delayed_ = 0;
+    std::function<void(bool)> on_delay_;
     Observer observer_;
 };
 

@@ -37,7 +37,8 @@ TEST(PanelAddress, AcceptsOnlyAddressesAndLocalhostAsHost)
 {
     for (const char *ok : {"127.0.0.1:8080", "localhost:8080", "localhost", "[::1]:8080", "10.0.2.15:1"})
         EXPECT_TRUE(panel_host_allowed(ok)) << ok;
-    for (const char *bad : {"", "evil.example:8080", "localhost.evil.example", "127.0.0.1.nip.io:80", "localhost:x"})
+    for (const char *bad : {"", "evil.example:8080", "localhost.evil.example", "127.0.0.1.nip.io:80", "localhost:x",
+                            "[evil.example]", "[evil.example]:80", "[::1]evil", "[::1]:x", "[]:80"})
         EXPECT_FALSE(panel_host_allowed(bad)) << bad;
 }
 

@@ -3,11 +3,16 @@
 // are checked where the proxies read them, over the driver.
 #include "services.h"
 
+#include "looper.h"
+
 #include "../../common/request_bytes.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
+#include <future>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -24,6 +29,12 @@ protected:
     }
     int call_object(binder_uintptr_t target, uint32_t code, const RequestBytes &bytes, std::size_t reply_area = 40960)
     {
+        return serve(target, code, bytes, reply_area, last_reply);
+    }
+    // As the serving threads do, several at once.
+    int serve(binder_uintptr_t target, uint32_t code, const RequestBytes &bytes, std::size_t reply_area,
+              std::string &answer)
+    {
         std::vector<uint32_t> in((bytes.data.size() + 3) / 4 + 1);
         std::memcpy(in.data(), bytes.data.data(), bytes.data.size());
         binder_transaction_data txn{};
@@ -36,7 +47,7 @@ protected:
         std::vector<uint32_t> out(reply_area / 4);
         bio_init(&reply, out.data(), static_cast<uint32_t>(reply_area), 4);
         int status = sim.handle(txn, msg, reply);
-        last_reply.assign(reply.data_start, reply.cursor);
+        answer.assign(reply.data_start, reply.cursor);
         return status;
     }
 
@@ -92,6 +103,59 @@ TEST_F(Services, ANameRegisteredTwiceIsOneEndpoint)
     EXPECT_EQ(call("broadcast", 0, request().str("BroadCast#7")), kOk);
     EXPECT_EQ(call("broadcast", 0, request().str("BroadCast#7")), kOk);
     EXPECT_EQ(device.broadcasts.endpoints(), 1u);
+}
+
+// Delayed calls wait without the device's lock, up to a limit past which a
+// call fails at once; a heal answers the waiting ones at once.
+TEST_F(Services, DelayedCallsAreCappedAndReleasedByHeal)
+{
+    std::atomic<int> waiting{0};
+    int most = 0;  // under the simulator's lock, as the hook is called
+    sim.on_delay([&](bool starts) { most = std::max(most, waiting += starts ? 1 : -1); });
+    const Service &backlight = *sim.find("backlight");
+    sim.fail(backlight, {Fault::kFailCall, -1, 600000});
+    std::vector<std::future<int>> calls;
+    for (int i = 0; i < Simulator::kMaxDelayed + 2; ++i)
+        calls.push_back(std::async(std::launch::async, [&] {
+            std::string answer;
+            return serve(object_word(&backlight), 0, RequestBytes().word(0), 40960, answer);
+        }));
+    auto ready = [](std::future<int> &f, auto wait) { return f.wait_for(wait) == std::future_status::ready; };
+    auto refused = [&] {
+        std::vector<int> out;
+        for (auto &f : calls)
+            if (f.valid() && ready(f, std::chrono::seconds(0)))
+                out.push_back(f.get());
+        return out;
+    };
+    std::vector<int> failed_at_once;
+    for (auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+         (waiting < Simulator::kMaxDelayed || failed_at_once.size() < 2) && std::chrono::steady_clock::now() < until;
+         std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+        for (int status : refused())
+            failed_at_once.push_back(status);
+    EXPECT_EQ(failed_at_once, std::vector<int>(2, hmisvc::tools::kFailTransaction));
+    ASSERT_EQ(waiting, Simulator::kMaxDelayed);
+    EXPECT_EQ(call("system", 6, RequestBytes().word(0)), kOk) << "another service answers meanwhile";
+
+    sim.heal(backlight);
+    for (auto &f : calls)
+        if (f.valid()) {
+            ASSERT_TRUE(ready(f, std::chrono::seconds(60)));
+            EXPECT_EQ(f.get(), kOk);
+        }
+    EXPECT_EQ(most, Simulator::kMaxDelayed);
+    EXPECT_EQ(waiting, 0);
+}
+
+TEST(BroadcastHubLimits, RefusesRegistrationsPastItsLimit)
+{
+    BroadcastHub hub(1000, std::chrono::seconds(1));  // nobody dropped while the test runs
+    for (std::size_t i = 0; i < BroadcastHub::kMaxEndpoints; ++i)
+        ASSERT_TRUE(hub.add("BroadCast#" + std::to_string(i)));
+    EXPECT_TRUE(hub.add("BroadCast#0")) << "a known name is still taken";
+    EXPECT_FALSE(hub.add("BroadCast#x"));
+    EXPECT_EQ(hub.endpoints(), BroadcastHub::kMaxEndpoints);
 }
 
 TEST_F(Services, AnAnswerTooLargeForTheReplyIsAnError)

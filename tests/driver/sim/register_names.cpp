@@ -1,0 +1,24 @@
+// register_names PREFIX COUNT: registers COUNT endpoint names nobody
+// publishes (PREFIX0, PREFIX1, ...) with the broadcast service, as any
+// process could, and prints "accepted A refused R failed F" by the answer.
+#include <hmisvc/context.h>
+#include <hmisvc/proxies.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+int main(int argc, char **argv)
+{
+    if (argc != 3)
+        return 2;
+    auto hub = std::dynamic_pointer_cast<BroadcastManager>(Context::getSystemService(Context::BROADCAST_SERVICE));
+    int accepted = 0, refused = 0, failed = 0;
+    for (int i = 0, n = std::atoi(argv[2]); i < n; ++i) {
+        int answer = hub->RegisterBroadcastService(argv[1] + std::to_string(i));
+        (answer == 0 ? accepted : answer == -1 ? refused : failed) += 1;
+    }
+    std::printf("accepted %d refused %d failed %d\n", accepted, refused, failed);
+    return 0;
+}
