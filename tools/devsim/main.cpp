@@ -31,8 +31,6 @@ using hmisvc::devsim::Simulator;
 // Threads serving the services: a call that `sim fail --delay-ms` holds up
 // occupies one, and the others go on serving.
 constexpr int kLoopers = 4;
-// Per-thread reply area: the largest answer is a dump of the state.
-constexpr std::size_t kReplyArea = 256 * 1024;
 
 int fail(const std::string &what)
 {
@@ -84,9 +82,8 @@ int main(int argc, char **argv)
         text << in.rdbuf();
         if (!in)
             return fail(state_file + ": cannot read");
-        state = Json::parse(text.str(), nullptr, false);
-        if (state.is_discarded())
-            return fail(state_file + ": not JSON");
+        if (std::string why = hmisvc::tools::parse_json(text.str(), state); !why.empty())
+            return fail(state_file + ": " + why);
         try {
             hmisvc::devsim::StateJson::load(device, state);
         } catch (const hmisvc::devsim::JsonError &e) {
@@ -158,8 +155,8 @@ int main(int argc, char **argv)
     };
     std::vector<std::thread> loopers;
     for (int i = 1; i < kLoopers; ++i)
-        loopers.emplace_back([&] { hmisvc::tools::serve(bs, handler, kReplyArea, false); });
-    hmisvc::tools::serve(bs, handler, kReplyArea, true);
+        loopers.emplace_back([&] { hmisvc::tools::serve(bs, handler, hmisvc::devsim::kReplyArea, false); });
+    hmisvc::tools::serve(bs, handler, hmisvc::devsim::kReplyArea, true);
     // The loop returns only when the driver failed; it has said why.
     std::_Exit(1);
 }

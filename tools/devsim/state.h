@@ -17,8 +17,9 @@ struct Device;
 struct StateJson {
     static Json dump(const Device &device);
     // All or nothing: the document is checked whole (types, ranges, unknown
-    // fields, consistency) before any value changes; JsonError says where
-    // it went wrong. Fields left out keep their values.
+    // fields, consistency, and that every answer and a dump still fit their
+    // replies, see unanswerable()); JsonError says where it went wrong and
+    // nothing changes. Fields left out keep their values.
     static void load(Device &device, const Json &state);
     // The "services" section (as a snapshot writes it): service name to
     // "absent" (not published) or "failed" (its calls fail); checked against
@@ -30,6 +31,7 @@ private:
     struct Parts;
     template <class V> static void sections(Parts &p, V &&visit);
     static Parts copy(const Device &device);
+    static void commit(Device &device, Parts &&parts);
 };
 
 }  // namespace hmisvc::devsim
