@@ -291,7 +291,7 @@ std::string undumpable(Device &d)
         services[s.name] = "absent";
     state["services"] = std::move(services);
     std::string text = tools::dump_json(state, 2);
-    std::vector<uint32_t> area(kReplyArea / sizeof(uint32_t));
+    thread_local std::vector<uint32_t> area(kReplyArea / sizeof(uint32_t));
     binder_io reply;
     bio_init(&reply, area.data(), static_cast<uint32_t>(kReplyArea), 4);  // as the serving threads do
     bio_put_uint32(&reply, 0);
