@@ -49,7 +49,8 @@ constexpr std::size_t kMaxJsonBytes = 512 * 1024;
 std::size_t json_depth(std::string_view text);
 
 // Parses `text` into `out` within the limits. Returns "" on success;
-// otherwise why not: "not JSON", or a refusal that names the limit.
+// otherwise why not: kNotJson, or a refusal that names the limit.
+constexpr const char *kNotJson = "not JSON";
 template <class J> std::string parse_json(std::string_view text, J &out)
 {
     if (text.size() > kMaxJsonBytes)
@@ -57,12 +58,12 @@ template <class J> std::string parse_json(std::string_view text, J &out)
     if (json_depth(text) > kMaxJsonDepth) {
         // The parser itself does not recurse: it can tell JSON from not.
         if (!J::accept(text))
-            return "not JSON";
+            return kNotJson;
         return "nested deeper than " + std::to_string(kMaxJsonDepth) + " levels (the most JSON input may take)";
     }
     J parsed = J::parse(text, nullptr, false);
     if (parsed.is_discarded())
-        return "not JSON";
+        return kNotJson;
     out = std::move(parsed);
     return "";
 }

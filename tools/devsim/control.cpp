@@ -76,7 +76,7 @@ Result Control::set(const std::string &key, const std::string &value)
     if (read_only(key))
         return refused(shown_key + ": read-only (it follows from other values)");
     Json parsed;
-    if (std::string why = tools::parse_json(value, parsed); why == "not JSON")
+    if (std::string why = tools::parse_json(value, parsed); why == tools::kNotJson)
         parsed = tools::to_json_text(value);
     else if (!why.empty())
         return refused(shown_key + ": the value is " + why);

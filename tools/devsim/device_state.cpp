@@ -27,13 +27,16 @@ namespace {
 // give it (a year beyond its range).
 bool local_date(int64_t ms, Date &d)
 {
-    // Floor division, so times before the epoch keep a positive subsecond.
-    int64_t secs = ms / 1000 - (ms % 1000 < 0 ? 1 : 0);
+    // Floor division, so times before the epoch keep a positive subsecond;
+    // no step can overflow, whatever ms is.
+    bool before_epoch = ms % 1000 < 0;
+    int64_t secs = ms / 1000 - (before_epoch ? 1 : 0);
+    int subsecond = static_cast<int>(ms % 1000 + (before_epoch ? 1000 : 0));
     std::time_t t = static_cast<std::time_t>(secs);
     std::tm tm{};
     if (!localtime_r(&t, &tm) || tm.tm_year > INT_MAX - 1900)
         return false;
-    d.subsecond = static_cast<int>(ms - secs * 1000);
+    d.subsecond = subsecond;
     d.second = tm.tm_sec;
     d.minute = tm.tm_min;
     d.hour = tm.tm_hour;

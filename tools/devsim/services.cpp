@@ -5,7 +5,9 @@
 
 #include <hmisvc/proxies.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <condition_variable>
 #include <deque>
 #include <optional>
@@ -350,7 +352,7 @@ private:
 };
 
 Simulator::Simulator(Device &device, std::FILE *record, std::FILE *trace)
-    : services_(make_services(device)), record_(record), trace_(trace),
+    : device_(device), services_(make_services(device)), record_(record), trace_(trace),
       trace_writer_(trace ? std::make_unique<TraceWriter>(trace) : nullptr)
 {}
 
@@ -475,6 +477,7 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
         injected = false;  // late, then served as usual
     }
     Json trace;
+    std::string undone;
     int status = kUnknownMethod;
     const char *why = service ? "unknown code" : "unknown object";
     if (injected) {
@@ -482,8 +485,19 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
         why = "failure injected";
     } else if (method) {
         Request in(msg);
-        status = method->run(in, reply, trace_ || observer_ ? &trace : nullptr);
-        why = in.error();
+        auto run = [&] { status = method->run(in, reply, trace_ || observer_ ? &trace : nullptr); };
+        // A change after which some answer (or the dump) could no longer
+        // reach its caller is undone: an Ethernet record larger than its
+        // proxy's mapping, say. Only a text or record argument can make
+        // anything larger; endpoints are the broadcast hub's to bound.
+        bool grows = std::any_of(method->arg_types.begin(), method->arg_types.end(), [](const char *type) {
+            return std::strcmp(type, "int") != 0 && std::strcmp(type, "bool") != 0;
+        });
+        if (method->query || !grows || std::strcmp(service->name, "broadcast") == 0)
+            run();
+        else if (undone = StateJson::change_within_limits(device_, run); !undone.empty())
+            status = kReplyTooLarge, undone = "change undone: " + undone;
+        why = undone.empty() ? in.error() : undone.c_str();
         if (status == kOk && (reply.flags & BIO_FLAG_OVERFLOW)) {
             status = kReplyTooLarge;
             why = "answer does not fit the reply";

@@ -142,6 +142,7 @@ private:
     // The fault to apply to this call, after counting it.
     bool take_fault(const Service *service, Fault &fault);
 
+    Device &device_;
     std::vector<Service> services_;
     const Service *extra_ = nullptr;
     std::FILE *record_;

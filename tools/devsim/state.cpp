@@ -149,6 +149,23 @@ void StateJson::load(Device &device, const Json &state)
     }
 }
 
+struct StateJson::Saved {
+    Parts parts;
+};
+
+std::shared_ptr<StateJson::Saved> StateJson::save(const Device &device)
+{
+    return std::make_shared<Saved>(Saved{copy(device)});
+}
+
+std::string StateJson::keep_or_undo(Device &device, Saved &before)
+{
+    std::string why = unanswerable(device);
+    if (!why.empty())
+        commit(device, std::move(before.parts));
+    return why;
+}
+
 void StateJson::commit(Device &device, Parts &&p)
 {
     device.settings.replace(std::move(p.settings));

@@ -117,7 +117,8 @@ TEST_F(Bytes, ValuesTheWireOrTheClockCannotCarryAreRefused)
         std::string value, why;
     } cases[] = {
         {"date.offset_ms", "9223372036854775807", "date.offset_ms: the clock would answer a date outside the years 1900 to 9999"},
-        {"date.offset_ms", "-9223372036854775807", "date.offset_ms: the clock would answer a date outside the years 1900 to 9999"},
+        {"date.offset_ms", "-9223372036854775808", "date.offset_ms: the clock would answer a date outside the years 1900 to 9999"},
+        {"date.offset_ms", "-8000000000000000000", "date.offset_ms: the clock would answer a date outside the years 1900 to 9999"},
         {"date.offset_ms", "300000000000000", "date.offset_ms: the clock would answer a date outside the years 1900 to 9999"},
         {"wifi.scan", big_scan, "wifiinfo: the answer to GetWifilist would not fit the 4096 bytes its proxy takes replies in"},
         {"system.hmi_name", long_name, "system: the answer to GetHmiName would not fit the 1024 bytes its proxy takes replies in"},
@@ -155,7 +156,7 @@ TEST_F(Bytes, SettingsStopWhereADumpWouldNoLongerFit)
     EXPECT_EQ(device.set_setting("s", "key0", "short"), SettingsStore::kDone);
 }
 
-TEST(Trace, UnknownCodesAndLatin1ArgumentsAreTracedAndRefused)
+TEST(Trace, UnknownCodesLatin1ArgumentsAndUndoneChangesAreTraced)
 {
     std::FILE *trace = std::tmpfile();
     ASSERT_NE(trace, nullptr);
@@ -180,6 +181,11 @@ TEST(Trace, UnknownCodesAndLatin1ArgumentsAreTracedAndRefused)
         EXPECT_EQ(call("system", 1, RequestBytes().word(0)), kUnknownMethod);  // a code left unused
         EXPECT_EQ(call("settings", 2, RequestBytes().word(0).str("ui").str("lang").str("caf\xe9")), kOk);
         EXPECT_EQ(call("settings", 0, RequestBytes().word(0).str("ui").str("lang").str("\xff")), kOk);
+        // A record the proxy's mapping could not take back is not kept.
+        NetInfo big = device.network.ethernet();
+        big.text1 = std::string(2000, 'a');
+        EXPECT_EQ(call("ethinfo", 1, RequestBytes().word(0).mem(big.toString())), kReplyTooLarge);
+        EXPECT_EQ(device.network.ethernet().text1, "192.168.1.120");
     }  // the trace is written out
     std::rewind(trace);
     std::string text;
@@ -191,7 +197,8 @@ TEST(Trace, UnknownCodesAndLatin1ArgumentsAreTracedAndRefused)
     for (const char *want : {R"("service":"backlight","method":null,"code":99,"status":-38,"error":"unknown code")",
                              R"("method":null,"code":1,"status":-38)",
                              R"("args":["ui","lang","\u0000café"],"reply":0)",
-                             R"("args":["ui","lang","\u0000ÿ"],"reply":"\u0000café")"})
+                             R"("args":["ui","lang","\u0000ÿ"],"reply":"\u0000café")",
+                             R"("error":"change undone: ethinfo: the answer to GetEthinfo would not fit the 1024 bytes its proxy takes replies in")"})
         EXPECT_NE(text.find(want), std::string::npos) << want << "\n" << text;
 }
 
