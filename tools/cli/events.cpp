@@ -18,6 +18,7 @@
 #include <hmisvc/proxies.h>
 
 #include "app.h"
+#include "json_text.h"
 
 namespace cli {
 namespace {
@@ -43,7 +44,7 @@ public:
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (json_)
-            std::cout << intentJson(*intent).dump() << '\n';
+            std::cout << hmisvc::tools::dump_json(hmisvc::tools::encode_strings(intentJson(*intent))) << '\n';
         else
             intent->printExtras();
         std::cout << std::flush;

@@ -5,6 +5,8 @@
 
 #include <hmisvc/binder.h>
 
+#include "json_text.h"
+
 namespace cli {
 namespace {
 
@@ -46,8 +48,9 @@ Reply done() { return {kOk, nullptr, "ok", ""}; }
 
 int print(const Reply &reply, bool json)
 {
+    // Texts are bytes: JSON carries them in the byte-string form.
     if (json && !reply.value.is_null())
-        std::cout << reply.value.dump() << '\n';
+        std::cout << hmisvc::tools::dump_json(hmisvc::tools::encode_strings(reply.value)) << '\n';
     else if (!json && !reply.text.empty())
         std::cout << reply.text << '\n';
     else if (!json)

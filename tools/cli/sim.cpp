@@ -1,5 +1,6 @@
 #include "sim.h"
 
+#include "json_text.h"
 #include "svcmgr_client.h"
 
 #include <hmisvc/binder.h>
@@ -87,6 +88,17 @@ int control(uint32_t code, const std::vector<Arg> &args)
     return result == 2 ? 2 : 1;
 }
 
+// JSON beyond what the simulator takes is refused here, before it is sent
+// (a request that large would not even fit the simulator's mapping).
+bool tooLarge(const std::string &what, const std::string &json)
+{
+    if (json.size() <= hmisvc::tools::kMaxJsonBytes)
+        return false;
+    std::cerr << "hmisvc: " << what << ": " << json.size() << " bytes; the simulator takes at most "
+              << hmisvc::tools::kMaxJsonBytes << std::endl;
+    return true;
+}
+
 void addControl(CLI::App &sim, int &status)
 {
     auto name = std::make_shared<std::string>();
@@ -100,7 +112,9 @@ void addControl(CLI::App &sim, int &status)
     CLI::App *cmd = sim.add_subcommand("set", "Change one value: KEY is its dotted path in the dump");
     cmd->add_option("KEY", *name, "e.g. backlight.brightness, wifi.scan, settings.SECTION.KEY")->required();
     cmd->add_option("VALUE", *value, "JSON (a text that is not JSON is taken as a string)")->required();
-    cmd->callback([name, value, &status] { status = control(kSet, {{true, *name, 0}, {true, *value, 0}}); });
+    cmd->callback([name, value, &status] {
+        status = tooLarge("VALUE", *value) ? 2 : control(kSet, {{true, *name, 0}, {true, *value, 0}});
+    });
 
     cmd = sim.add_subcommand("fail", "Make a service fail its next calls (default: all, until healed)");
     cmd->add_option("SERVICE", *name, "Service name (or one of its methods)")->required();
@@ -132,7 +146,12 @@ void addControl(CLI::App &sim, int &status)
         std::ifstream in(*value);
         std::stringstream text;
         text << in.rdbuf();
-        status = control(kLoadState, {{true, text.str(), 0}});
+        if (!in) {
+            std::cerr << "hmisvc: " << *value << ": cannot read" << std::endl;
+            status = 1;
+            return;
+        }
+        status = tooLarge(*value, text.str()) ? 2 : control(kLoadState, {{true, text.str(), 0}});
     });
 }
 

@@ -17,6 +17,7 @@ namespace hmisvc::tools {
 class Publisher {
 public:
     // `bs` must be served by a looper (serve()), which delivers the death.
+    // Without a connection (in a test) only the list of names is kept.
     explicit Publisher(binder_connection *bs);
     ~Publisher();
     Publisher(const Publisher &) = delete;

@@ -66,16 +66,20 @@ Result Control::dump() const
     std::lock_guard<std::mutex> hold(simulator_.lock());
     Json state = StateJson::dump(device_);
     state["services"] = std::move(services);
-    return {Result::kDone, state.dump(2)};
+    return {Result::kDone, tools::dump_json(state, 2)};
 }
 
 Result Control::set(const std::string &key, const std::string &value)
 {
+    // Messages show the key as text, whatever its bytes.
+    const std::string shown_key = tools::printable(key);
     if (read_only(key))
-        return refused(key + ": read-only (it follows from other values)");
-    Json parsed = Json::parse(value, nullptr, false);
-    if (parsed.is_discarded())
-        parsed = value;
+        return refused(shown_key + ": read-only (it follows from other values)");
+    Json parsed;
+    if (std::string why = tools::parse_json(value, parsed); why == tools::kNotJson)
+        parsed = tools::to_json_text(value);
+    else if (!why.empty())
+        return refused(shown_key + ": the value is " + why);
     std::lock_guard<std::mutex> hold(simulator_.lock());
     Json state = StateJson::dump(device_);
     Json *at = &state;
@@ -85,12 +89,13 @@ Result Control::set(const std::string &key, const std::string &value)
         // Settings keys are the rest of the path, dots included, and may be
         // new; everywhere else every step must exist.
         bool settings_key = depth == 2 && key.rfind("settings.", 0) == 0;
-        std::string step = key.substr(from, settings_key ? std::string::npos : dot - from);
+        // The document holds names in its byte-string form.
+        std::string step = tools::to_json_text(key.substr(from, settings_key ? std::string::npos : dot - from));
         bool creating = depth >= 1 && key.rfind("settings.", 0) == 0;
         if (creating && at->is_null())
             *at = Json::object();  // a new settings section
         if (step.empty() || !at->is_object() || (!creating && !at->contains(step)))
-            return refused(key + ": no such key (see `hmisvc sim dump`)");
+            return refused(shown_key + ": no such key (see `hmisvc sim dump`)");
         at = &(*at)[step];
         if (settings_key || dot == std::string::npos)
             break;
@@ -107,9 +112,9 @@ Result Control::set(const std::string &key, const std::string &value)
 
 Result Control::load_state(const std::string &json)
 {
-    Json parsed = Json::parse(json, nullptr, false);
-    if (parsed.is_discarded())
-        return refused("state is not JSON");
+    Json parsed;
+    if (std::string why = tools::parse_json(json, parsed); !why.empty())
+        return refused("state is " + why);
     std::map<std::string, std::string> services;
     {
         std::lock_guard<std::mutex> hold(simulator_.lock());

@@ -21,19 +21,22 @@ bool Backlight::set(int32_t level)
 
 // ---- clock ----
 
-Date Clock::now() const
+namespace {
+
+// The local date at `ms` since the epoch; false when the C library cannot
+// give it (a year beyond its range).
+bool local_date(int64_t ms, Date &d)
 {
-    using namespace std::chrono;
-    auto ms = duration_cast<milliseconds>(source_().time_since_epoch()) + offset_;
-    // Floor division, so times before the epoch keep a positive subsecond.
-    auto secs = duration_cast<seconds>(ms);
-    if (secs > ms)
-        secs -= seconds(1);
-    std::time_t t = static_cast<std::time_t>(secs.count());
+    // Floor division, so times before the epoch keep a positive subsecond;
+    // no step can overflow, whatever ms is.
+    bool before_epoch = ms % 1000 < 0;
+    int64_t secs = ms / 1000 - (before_epoch ? 1 : 0);
+    int subsecond = static_cast<int>(ms % 1000 + (before_epoch ? 1000 : 0));
+    std::time_t t = static_cast<std::time_t>(secs);
     std::tm tm{};
-    localtime_r(&t, &tm);
-    Date d;
-    d.subsecond = static_cast<int>((ms - secs).count());
+    if (!localtime_r(&t, &tm) || tm.tm_year > INT_MAX - 1900)
+        return false;
+    d.subsecond = subsecond;
     d.second = tm.tm_sec;
     d.minute = tm.tm_min;
     d.hour = tm.tm_hour;
@@ -41,7 +44,34 @@ Date Clock::now() const
     d.month = tm.tm_mon + 1;
     d.year = tm.tm_year + 1900;
     d.extra = tm.tm_wday;
+    return true;
+}
+
+}  // namespace
+
+bool Clock::now_ms(int64_t &ms) const
+{
+    using namespace std::chrono;
+    int64_t host = duration_cast<milliseconds>(source_().time_since_epoch()).count();
+    return !__builtin_add_overflow(host, static_cast<int64_t>(offset_.count()), &ms);
+}
+
+Date Clock::now() const
+{
+    // Every way to set the offset checks answerable(); should the host's
+    // clock still carry it out of range, the date is all zeros.
+    Date d{};
+    int64_t ms = 0;
+    if (!now_ms(ms) || !local_date(ms, d))
+        return Date{};
     return d;
+}
+
+bool Clock::answerable() const
+{
+    Date d{};
+    int64_t ms = 0;
+    return now_ms(ms) && local_date(ms, d) && d.year >= kFirstYear && d.year <= kLastYear;
 }
 
 bool Clock::set(const Date &date)
@@ -50,7 +80,7 @@ bool Clock::set(const Date &date)
     auto in = [](int v, int lo, int hi) { return v >= lo && v <= hi; };
     if (!in(date.subsecond, 0, 999) || !in(date.second, 0, 59) || !in(date.minute, 0, 59) ||
         !in(date.hour, 0, 23) || !in(date.day, 1, 31) || !in(date.month, 1, 12) ||
-        !in(date.year, 1900, 9999))
+        !in(date.year, kFirstYear, kLastYear))
         return false;
     std::tm tm{};
     tm.tm_sec = date.second;

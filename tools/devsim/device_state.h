@@ -59,8 +59,14 @@ public:
 
     Date now() const;
     // False, with nothing changed, for a date that is not a valid local
-    // time; extra is ignored (the weekday follows from the date).
+    // time or not within kFirstYear..kLastYear; extra is ignored (the
+    // weekday follows from the date).
     bool set(const Date &date);
+    static constexpr int kFirstYear = 1900, kLastYear = 9999;
+    // Whether now() answers a date within those years: an offset that
+    // reaches beyond them (or beyond what the clock's count can hold) is
+    // refused wherever it is set.
+    bool answerable() const;
     std::chrono::milliseconds offset() const { return offset_; }
 
     bool modifiable() const { return modifiable_; }
@@ -68,6 +74,9 @@ public:
 
 private:
     friend StateJson;
+    // The host's time plus the offset, in ms since the epoch; false when the
+    // sum does not fit.
+    bool now_ms(int64_t &ms) const;
     Source source_;
     std::chrono::milliseconds offset_{0};
     bool modifiable_ = true;

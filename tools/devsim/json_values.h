@@ -2,11 +2,15 @@
 // travel as objects whose field names say what each text or number is (the
 // simulator's reading of them, see device_state.h), and a value read back is
 // checked strictly: a wrong type, a number out of range or an unknown field
-// is an error (JsonError), never a conversion.
+// is an error (JsonError), never a conversion. Texts are bytes: they travel
+// in the byte-string form of json_text.h, so any bytes survive a dump and a
+// load.
 #ifndef HMISVC_DEVSIM_JSON_VALUES_H
 #define HMISVC_DEVSIM_JSON_VALUES_H
 
 #include <hmisvc/records.h>
+
+#include "json_text.h"
 
 #include <nlohmann/json.hpp>
 
@@ -63,6 +67,8 @@ template <class T>
 struct has_fields<T, std::void_t<decltype(fields(std::declval<T &>(), AnyField{}))>> : std::true_type {};
 template <class T> struct is_vector : std::false_type {};
 template <class T> struct is_vector<std::vector<T>> : std::true_type {};
+template <class T> struct is_map : std::false_type {};
+template <class V> struct is_map<std::map<std::string, V>> : std::true_type {};
 
 template <class T> Json to_json_value(const T &x);
 template <class T> void from_json_value(const Json &j, T &x, const std::string &where);
@@ -82,14 +88,38 @@ template <class T> Json to_json_value(const T &x)
         for (const auto &e : x)
             out.push_back(to_json_value(e));
         return out;
+    } else if constexpr (is_map<T>::value) {
+        Json out = Json::object();
+        for (const auto &[key, value] : x)
+            out[tools::to_json_text(key)] = to_json_value(value);
+        return out;
+    } else if constexpr (std::is_same_v<T, std::string>) {
+        return Json(tools::to_json_text(x));
     } else {
-        return Json(x);  // numbers, bools, strings, maps of those
+        return Json(x);  // numbers, bools
     }
+}
+
+// A value as a message shows it: printed, and cut short when long.
+inline std::string shown(const Json &value)
+{
+    constexpr std::size_t kShown = 80;
+    std::string text = tools::dump_json(value);
+    return text.size() <= kShown ? text : text.substr(0, kShown) + "... (" + std::to_string(text.size()) + " bytes)";
 }
 
 [[noreturn]] inline void type_error(const std::string &where, const char *want, const Json &got)
 {
-    throw JsonError(where + ": expected " + want + ", got " + got.dump());
+    throw JsonError(where + ": expected " + want + ", got " + shown(got));
+}
+
+// The bytes a document's string stands for.
+inline std::string bytes_of(const std::string &text, const std::string &where)
+{
+    std::string bytes;
+    if (!tools::from_json_text(text, bytes))
+        throw JsonError(where + ": a string that begins with \\u0000 holds bytes, \\u0000 to \\u00ff only");
+    return bytes;
 }
 
 template <class T> void from_json_value(const Json &j, T &x, const std::string &where)
@@ -129,7 +159,7 @@ template <class T> void from_json_value(const Json &j, T &x, const std::string &
     } else if constexpr (std::is_same_v<T, std::string>) {
         if (!j.is_string())
             type_error(where, "a string", j);
-        x = j.get<std::string>();
+        x = bytes_of(j.get_ref<const std::string &>(), where);
     } else if constexpr (std::is_same_v<T, std::array<std::string, 4>>) {
         if (!j.is_array() || j.size() != 4)
             type_error(where, "an array of 4 strings", j);
@@ -147,7 +177,7 @@ template <class T> void from_json_value(const Json &j, T &x, const std::string &
             type_error(where, "an object", j);
         T out;
         for (auto it = j.begin(); it != j.end(); ++it)
-            from_json_value(it.value(), out[it.key()], where + "." + it.key());
+            from_json_value(it.value(), out[bytes_of(it.key(), where + "." + it.key())], where + "." + it.key());
         x = std::move(out);
     }
 }

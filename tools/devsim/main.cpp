@@ -33,8 +33,6 @@ using hmisvc::devsim::Simulator;
 // a thread of its own beside these, and these always serve, the control
 // service included.
 constexpr int kLoopers = 4;
-// Per-thread reply area: the largest answer is a dump of the state.
-constexpr std::size_t kReplyArea = 256 * 1024;
 
 int fail(const std::string &what)
 {
@@ -86,9 +84,8 @@ int main(int argc, char **argv)
         text << in.rdbuf();
         if (!in)
             return fail(state_file + ": cannot read");
-        state = Json::parse(text.str(), nullptr, false);
-        if (state.is_discarded())
-            return fail(state_file + ": not JSON");
+        if (std::string why = hmisvc::tools::parse_json(text.str(), state); !why.empty())
+            return fail(state_file + ": " + why);
         try {
             hmisvc::devsim::StateJson::load(device, state);
         } catch (const hmisvc::devsim::JsonError &e) {
@@ -159,7 +156,7 @@ int main(int argc, char **argv)
         return simulator.handle(txn, msg, reply);
     };
     auto serve_more = [&] {
-        std::thread([&] { hmisvc::tools::serve(bs, handler, kReplyArea, false); }).detach();
+        std::thread([&] { hmisvc::tools::serve(bs, handler, hmisvc::devsim::kReplyArea, false); }).detach();
     };
     // Threads serving, and how many of them wait out a delay (under the
     // simulator's lock, which the hook is called with).
@@ -173,7 +170,7 @@ int main(int argc, char **argv)
     });
     for (int i = 1; i < kLoopers; ++i)
         serve_more();
-    hmisvc::tools::serve(bs, handler, kReplyArea, true);
+    hmisvc::tools::serve(bs, handler, hmisvc::devsim::kReplyArea, true);
     // The loop returns only when the driver failed; it has said why.
     std::_Exit(1);
 }

@@ -1,10 +1,16 @@
 #include "services.h"
 
 #include "looper.h"
+#include "state.h"
 
+#include <hmisvc/proxies.h>
+
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <condition_variable>
 #include <deque>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -57,6 +63,7 @@ std::string hex(const std::string &bytes)
 std::vector<Service> make_services(Device &d)
 {
     On settings{d.settings};
+    On device{d};
     On backlight{d.backlight};
     On clock{d.clock};
     On net{d.network};
@@ -78,8 +85,9 @@ std::vector<Service> make_services(Device &d)
                        }),
           settings.get("GetLongValue",
                    [](S &s, Text sec, Text key, int32_t dflt) { return s.get_long(sec, key, dflt); }, kDerived),
-          settings("SetValue", [](S &s, Text sec, Text key, Text v) { return s.set(sec, key, v); }),
-          settings("SetLongValue", [](S &s, Text sec, Text key, int32_t v) { return s.set_long(sec, key, v); }),
+          device("SetValue", [](Device &d, Text sec, Text key, Text v) { return d.set_setting(sec, key, v); }),
+          device("SetLongValue",
+                 [](Device &d, Text sec, Text key, int32_t v) { return d.set_setting(sec, key, std::to_string(v)); }),
           settings("Delete", [](S &s, Text sec, Text key) { return s.remove(sec, key); }),
           settings("SaveFile", [](S &s) { return s.save(); })}},
         {"backlight",
@@ -194,6 +202,109 @@ std::vector<Service> make_services(Device &d)
     };
 }
 
+int32_t Device::set_setting(const std::string &section, const std::string &key, const std::string &value)
+{
+    std::optional<std::string> old;
+    if (auto s = settings.sections().find(section); s != settings.sections().end())
+        if (auto k = s->second.find(key); k != s->second.end())
+            old = k->second;
+    int32_t answer = settings.set(section, key, value);
+    if (answer != SettingsStore::kDone || undumpable(*this).empty())
+        return answer;
+    old ? settings.set(section, key, *old) : settings.remove(section, key);
+    return SettingsStore::kTooLarge;
+}
+
+namespace {
+
+// The mapping the proxy of a service takes its replies in.
+template <class... Proxy> uint32_t map_size(const std::string &service)
+{
+    uint32_t size = 0;
+    ((service == Proxy::SERVICE_NAME && (size = Proxy::MAP_SIZE)), ...);
+    return size;
+}
+uint32_t proxy_map_size(const std::string &service)
+{
+    return map_size<SystemManager, SettingsManager, BacklightManager, BeepManager, DateManager, EthInfoManager,
+                    P4gManager, WifiManager, NetChanageManager, VncFrpVpnManager, VpnManager, BroadcastManager>(
+        service);
+}
+
+// Serves a query as its proxy asks it, into `room` bytes of reply: false
+// when the answer does not fit.
+bool answer_fits(const Method &m, const std::vector<std::string> &args, uint32_t room)
+{
+    std::size_t size = sizeof(uint32_t);
+    for (const std::string &a : args)
+        size += sizeof(uint32_t) + a.size() + sizeof(uint32_t);
+    std::vector<uint32_t> request(size / sizeof(uint32_t) + 1);
+    binder_io out, in, reply;
+    bio_init(&out, request.data(), static_cast<uint32_t>(request.size() * sizeof(uint32_t)), 0);
+    bio_put_uint32(&out, 0);
+    for (const std::string &a : args)
+        bio_put_string(&out, a.c_str());
+    binder_transaction_data txn{};
+    txn.data_size = static_cast<binder_size_t>(out.cursor - out.data_start);
+    txn.data.ptr.buffer = static_cast<binder_uintptr_t>(reinterpret_cast<uintptr_t>(out.data_start));
+    bio_init_from_txn(&in, &txn);
+    std::vector<uint32_t> area(room / sizeof(uint32_t));
+    bio_init(&reply, area.data(), room, 0);
+    Request r(in);
+    return m.run(r, reply, nullptr) != kOk || !(reply.flags & BIO_FLAG_OVERFLOW);
+}
+
+}  // namespace
+
+std::string unanswerable(Device &d)
+{
+    for (const Service &s : make_services(d)) {
+        uint32_t room = proxy_map_size(s.name);
+        for (const Method &m : s.methods) {
+            if (!m.query || !m.run)
+                continue;
+            // The arguments asked with: none, or those the state names.
+            std::vector<std::vector<std::string>> asked;
+            std::vector<std::string> types(m.arg_types.begin(), m.arg_types.end());
+            if (types.empty())
+                asked.push_back({});
+            else if (types == std::vector<std::string>{"string", "string", "string"})
+                for (const auto &[section, keys] : d.settings.sections())
+                    for (const auto &entry : keys)
+                        asked.push_back({section, entry.first, ""});
+            else if (types == std::vector<std::string>{"string"})
+                for (const auto &entry : d.system.versions)
+                    asked.push_back({entry.first});
+            for (const auto &args : asked)
+                if (!answer_fits(m, args, room))
+                    return std::string(s.name) + ": the answer to " + m.name + " would not fit the " +
+                           std::to_string(room) + " bytes its proxy takes replies in";
+        }
+    }
+    return undumpable(d);
+}
+
+std::string undumpable(Device &d)
+{
+    // As the control service answers it, with every service named in its
+    // services section.
+    Json state = StateJson::dump(d);
+    Json services = Json::object();
+    for (const Service &s : make_services(d))
+        services[s.name] = "absent";
+    state["services"] = std::move(services);
+    std::string text = tools::dump_json(state, 2);
+    thread_local std::vector<uint32_t> area(kReplyArea / sizeof(uint32_t));
+    binder_io reply;
+    bio_init(&reply, area.data(), static_cast<uint32_t>(kReplyArea), 4);  // as the serving threads do
+    bio_put_uint32(&reply, 0);
+    bio_put_string(&reply, text.c_str());
+    if (!(reply.flags & BIO_FLAG_OVERFLOW))
+        return "";
+    return "the state would take " + std::to_string(text.size()) + " bytes in a dump; a reply of the simulator holds " +
+           std::to_string(kReplyArea) + " bytes";
+}
+
 class TraceWriter {
 public:
     explicit TraceWriter(std::FILE *out) : out_(out), thread_([this] { run(); }) {}
@@ -242,7 +353,7 @@ private:
 };
 
 Simulator::Simulator(Device &device, std::FILE *record, std::FILE *trace)
-    : services_(make_services(device)), record_(record), trace_(trace),
+    : device_(device), services_(make_services(device)), record_(record), trace_(trace),
       trace_writer_(trace ? std::make_unique<TraceWriter>(trace) : nullptr)
 {}
 
@@ -381,6 +492,7 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
                      service->name, kMaxDelayed);
     }
     Json trace;
+    std::string undone;
     int status = kUnknownMethod;
     if (injected) {
         status = fault.status == Fault::kFailCall ? tools::kFailTransaction : fault.status;
@@ -388,8 +500,19 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
             why = "failure injected";
     } else if (method) {
         Request in(msg);
-        status = method->run(in, reply, trace_ || observer_ ? &trace : nullptr);
-        why = in.error();
+        auto run = [&] { status = method->run(in, reply, trace_ || observer_ ? &trace : nullptr); };
+        // A change after which some answer (or the dump) could no longer
+        // reach its caller is undone: an Ethernet record larger than its
+        // proxy's mapping, say. Only a text or record argument can make
+        // anything larger; endpoints are the broadcast hub's to bound.
+        bool grows = std::any_of(method->arg_types.begin(), method->arg_types.end(), [](const char *type) {
+            return std::strcmp(type, "int") != 0 && std::strcmp(type, "bool") != 0;
+        });
+        if (method->query || !grows || std::strcmp(service->name, "broadcast") == 0)
+            run();
+        else if (undone = StateJson::change_within_limits(device_, run); !undone.empty())
+            status = kReplyTooLarge, undone = "change undone: " + undone;
+        why = undone.empty() ? in.error() : undone.c_str();
         if (status == kOk && (reply.flags & BIO_FLAG_OVERFLOW)) {
             status = kReplyTooLarge;
             why = "answer does not fit the reply";
@@ -399,7 +522,8 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
         Json line = {{"time", seconds_since_epoch()},
                      {"pid", txn.sender_pid},
                      {"service", service_name},
-                     {"method", method ? method->name : nullptr},
+                     // A code the service does not have is traced without a name.
+                     {"method", method ? Json(method->name) : Json(nullptr)},
                      {"code", txn.code}};
         if (txn.flags & TF_ONE_WAY)
             line["one_way"] = true;
@@ -413,7 +537,7 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
         }
         line["us"] = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count();
         if (trace_writer_)
-            trace_writer_->add(line.dump());
+            trace_writer_->add(tools::dump_json(line));
         if (observer_) {
             hold.unlock();
             observer_(&line);

@@ -21,8 +21,17 @@
 
 namespace hmisvc::devsim {
 
+// Reply area of each serving thread: the largest answer is a dump of the
+// state, which therefore must fit it.
+constexpr std::size_t kReplyArea = 256 * 1024;
+
 struct Device {
     explicit Device(std::string settings_file = {}) : settings(std::move(settings_file)) {}
+
+    // SetValue and SetLongValue: the store's answer, or
+    // SettingsStore::kTooLarge (nothing changed) when the state would no
+    // longer fit a dump.
+    int32_t set_setting(const std::string &section, const std::string &key, const std::string &value);
 
     SettingsStore settings;
     Backlight backlight;
@@ -79,6 +88,13 @@ struct Fault {
     int32_t calls = -1;    // how many calls; below 0: all until healed
     int32_t delay_ms = 0;  // with a delay, calls are answered normally, late
 };
+
+// Why the device's state cannot be answered whole: the first query answer
+// larger than the mapping its proxy takes replies in, or a dump of the
+// state larger than kReplyArea. "" when all fits.
+std::string unanswerable(Device &device);
+// The same for the dump alone.
+std::string undumpable(Device &device);
 
 // The word the driver carries for a published Service.
 binder_uintptr_t object_word(const Service *s);
@@ -138,6 +154,7 @@ private:
     // The fault to apply to this call, after counting it.
     bool take_fault(const Service *service, Fault &fault);
 
+    Device &device_;
     std::vector<Service> services_;
     const Service *extra_ = nullptr;
     std::FILE *record_;

@@ -18,6 +18,7 @@ public:
         kNotStorable = 2,    // the INI file could not give it back as it is
         kNoFile = 3,         // SaveFile without a settings file
         kWriteFailed = 4,
+        kTooLarge = 5,  // the simulator's state would no longer fit a dump
     };
 
     // Without a file the store lives in memory only and SaveFile refuses.

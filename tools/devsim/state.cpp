@@ -77,7 +77,7 @@ Json StateJson::dump(const Device &device)
     out["network"]["level"] = device.network.level();
     Json names = Json::array();
     for (const std::string &name : device.broadcasts.names())
-        names.push_back(name);
+        names.push_back(to_json_value(name));
     out["broadcast"]["endpoints"] = names;
     return out;
 }
@@ -120,7 +120,8 @@ void StateJson::load(Device &device, const Json &state)
     for (const auto &[section, keys] : p.settings)
         for (const auto &[key, value] : keys)
             if (!SettingsStore::storable(section, key, value))
-                throw JsonError("settings." + section + "." + key + ": the settings file cannot hold it");
+                throw JsonError("settings." + tools::printable(section) + "." + tools::printable(key) +
+                                ": the settings file cannot hold it");
     if (p.backlight.max_ < 0 || p.backlight.level_ < 0 || p.backlight.level_ > p.backlight.max_)
         throw JsonError("backlight.brightness: must be within 0..backlight.max");
     if (p.beeper.last.size() != 2)
@@ -130,9 +131,43 @@ void StateJson::load(Device &device, const Json &state)
     auto &scan = p.network.scan_;
     auto it = std::find_if(scan.begin(), scan.end(), [&](const WifiList &w) { return w.text1 == p.connected; });
     if (!p.connected.empty() && it == scan.end())
-        throw JsonError("wifi.connected: \"" + p.connected + "\" is not in wifi.scan (set wifi.connected to \"\" first to drop it)");
+        throw JsonError("wifi.connected: \"" + tools::printable(p.connected) +
+                        "\" is not in wifi.scan (set wifi.connected to \"\" first to drop it)");
     p.network.joined_ = p.connected.empty() ? -1 : static_cast<int>(it - scan.begin());
+    if (!p.clock.answerable())
+        throw JsonError("date.offset_ms: the clock would answer a date outside the years " +
+                        std::to_string(Clock::kFirstYear) + " to " + std::to_string(Clock::kLastYear));
 
+    // What the answers take on the wire is measured on the device itself:
+    // the new state goes in, and the old one back if any answer (or the
+    // dump) would not reach its caller.
+    Parts before = copy(device);
+    commit(device, std::move(p));
+    if (std::string why = unanswerable(device); !why.empty()) {
+        commit(device, std::move(before));
+        throw JsonError(why);
+    }
+}
+
+struct StateJson::Saved {
+    Parts parts;
+};
+
+std::shared_ptr<StateJson::Saved> StateJson::save(const Device &device)
+{
+    return std::make_shared<Saved>(Saved{copy(device)});
+}
+
+std::string StateJson::keep_or_undo(Device &device, Saved &before)
+{
+    std::string why = unanswerable(device);
+    if (!why.empty())
+        commit(device, std::move(before.parts));
+    return why;
+}
+
+void StateJson::commit(Device &device, Parts &&p)
+{
     device.settings.replace(std::move(p.settings));
     device.backlight = p.backlight;
     device.clock = std::move(p.clock);
