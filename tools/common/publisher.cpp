@@ -86,7 +86,16 @@ void Publisher::run()
         auto start = std::chrono::steady_clock::now();
         std::size_t done = 0;
         while (done < names.size()) {
-            if (svcmgr_publish(bs_, SVCMGR_HANDLE, names[done].first.c_str(), names[done].second) == 0) {
+            int status = svcmgr_publish(bs_, SVCMGR_HANDLE, names[done].first.c_str(), names[done].second);
+            if (status != -1) {
+                // Answered: published, or refused for good (another living
+                // process took the name meanwhile), which no retry mends.
+                if (status != 0) {
+                    std::fprintf(stderr, "service manager restarted: \"%s\" refused (status %d); no longer published\n",
+                                 names[done].first.c_str(), status);
+                    std::lock_guard<std::mutex> hold(mutex_);
+                    names_.erase(names[done].first);
+                }
                 ++done;
                 continue;
             }

@@ -146,8 +146,10 @@ int main(int argc, char **argv)
 
     published.push_back(&control.service());
     for (const Service *s : published)
-        if (publisher.publish(s->name, const_cast<Service *>(s)) != 0)
-            return fail(std::string("cannot publish \"") + s->name + "\" (is a service manager running?)");
+        if (int status = publisher.publish(s->name, const_cast<Service *>(s)); status != 0)
+            return fail(std::string("cannot publish \"") + s->name + "\" " +
+                        (status == -1 ? "(is a service manager running?)"
+                                      : "(the service manager refused it: another process holds the name)"));
     publisher.watch();
     std::printf("hmisvc-devsim: ready\n");
     std::fflush(stdout);

@@ -1,5 +1,7 @@
 #include "panel_server.h"
 
+#include "json_text.h"
+
 #include <microhttpd.h>
 
 #include <netdb.h>
@@ -74,6 +76,16 @@ bool same_secret(const std::string &a, const std::string &b)
     for (std::size_t i = 0; i < a.size(); ++i)
         diff |= static_cast<unsigned char>(a[i] ^ b[i]);
     return diff == 0;
+}
+
+// The bytes a request's text field stands for (the byte-string form the
+// panel is shown).
+std::string bytes(const Json &field)
+{
+    std::string out;
+    if (!tools::from_json_text(field.get<std::string>(), out))
+        throw std::invalid_argument("a text beginning with U+0000 holds a character above U+00FF");
+    return out;
 }
 
 bool all_digits(const std::string &s)
@@ -231,8 +243,8 @@ struct PanelServer::Impl {
         Text shown;
         if (call) {
             Json c = *call;
-            c["caller"] = program_of(c.value("pid", 0));
-            shown = text(c.dump());
+            c["caller"] = tools::to_json_text(program_of(c.value("pid", 0)));
+            shown = text(tools::dump_json(c));
         }
         std::lock_guard<std::mutex> hold(mutex);
         state_dirty = state_dirty || dirty;
@@ -279,7 +291,7 @@ struct PanelServer::Impl {
             services.push_back(entry);
         }
         doc["services"] = services;
-        return doc.dump();
+        return tools::dump_json(doc);
     }
 
     // Turns "something may have changed" into one new state when the state
@@ -417,7 +429,8 @@ struct PanelServer::Impl {
 
     static MHD_Result error(MHD_Connection *c, unsigned status, const std::string &why)
     {
-        return reply(c, status, Json{{"error", why}}.dump());
+        // What the client sent may be quoted in `why`: any bytes.
+        return reply(c, status, tools::dump_json(Json{{"error", tools::printable(why)}}));
     }
 
     MHD_Result open_stream(MHD_Connection *c)
@@ -466,18 +479,20 @@ struct PanelServer::Impl {
     // A steering request: answered from the control code's result.
     MHD_Result steer(MHD_Connection *c, const std::string &url, const std::string &text)
     {
-        Json body = Json::parse(text, nullptr, false);
+        Json body;
+        if (std::string why = tools::parse_json(text, body); !why.empty())
+            return error(c, MHD_HTTP_BAD_REQUEST, "the request body is " + why);
         if (!body.is_object())
             return error(c, MHD_HTTP_BAD_REQUEST, "the request body must be a JSON object");
         ControlResult r;
         try {
             r = steering.at(url)(body);
-        } catch (const Json::exception &e) {
+        } catch (const std::exception &e) {  // a missing field, a wrong type, a bad text
             return error(c, MHD_HTTP_BAD_REQUEST, std::string("bad request: ") + e.what());
         }
         observed(nullptr);
         if (r.code == ControlResult::kDone)
-            return reply(c, MHD_HTTP_OK, Json{{"ok", true}, {"text", r.text}}.dump());
+            return reply(c, MHD_HTTP_OK, tools::dump_json(Json{{"ok", true}, {"text", tools::to_json_text(r.text)}}));
         return error(c, r.code == ControlResult::kRefused ? MHD_HTTP_BAD_REQUEST : MHD_HTTP_CONFLICT, r.text);
     }
 
@@ -573,19 +588,25 @@ struct PanelServer::Impl {
         using S = std::string;
         steering["/api/set"] = [this](const Json &b) {
             // As JSON always, so that the string "12" stays a string.
-            return control.set(b.at("key").get<S>(), b.at("value").dump());
+            return control.set(bytes(b.at("key")), tools::dump_json(b.at("value")));
         };
-        steering["/api/load"] = [this](const Json &b) { return control.load_state(b.at("state").get<S>()); };
+        steering["/api/load"] = [this](const Json &b) { return control.load_state(bytes(b.at("state"))); };
         steering["/api/fail"] = [this](const Json &b) {
-            return control.fail(b.at("service").get<S>(),
+            return control.fail(bytes(b.at("service")),
                                 {b.value("status", 0), b.value("calls", -1), b.value("delay_ms", 0)});
         };
-        steering["/api/heal"] = [this](const Json &b) { return control.heal(b.at("service").get<S>()); };
-        steering["/api/publish"] = [this](const Json &b) { return control.publish(b.at("service").get<S>()); };
-        steering["/api/unpublish"] = [this](const Json &b) { return control.unpublish(b.at("service").get<S>()); };
+        steering["/api/heal"] = [this](const Json &b) { return control.heal(bytes(b.at("service"))); };
+        steering["/api/publish"] = [this](const Json &b) { return control.publish(bytes(b.at("service"))); };
+        steering["/api/unpublish"] = [this](const Json &b) { return control.unpublish(bytes(b.at("service"))); };
         steering["/api/broadcast"] = [this](const Json &b) {
-            return control.broadcast(b.at("action").get<S>(), b.value("ints", std::map<S, int>{}),
-                                     b.value("strings", std::map<S, S>{}));
+            std::map<S, int> ints;
+            std::map<S, S> strings;
+            const Json given_ints = b.value("ints", Json::object()), given_strings = b.value("strings", Json::object());
+            for (auto it = given_ints.begin(); it != given_ints.end(); ++it)
+                ints[bytes(Json(it.key()))] = it.value().get<int>();
+            for (auto it = given_strings.begin(); it != given_strings.end(); ++it)
+                strings[bytes(Json(it.key()))] = bytes(it.value());
+            return control.broadcast(bytes(b.at("action")), ints, strings);
         };
     }
 
