@@ -18,6 +18,10 @@ constexpr uint32_t kDeliver = 1;
 constexpr auto kIdleWorker = std::chrono::seconds(10);
 // Look-ups of a name not published yet slow down to this.
 constexpr std::chrono::milliseconds kSlowestRetry{1000};
+// An endpoint with a full queue that took nothing for this long (stopped,
+// or not serving) loses its oldest intents; one that takes them makes the
+// sender wait for room, so that a storm loses nothing.
+constexpr auto kStuck = std::chrono::seconds(1);
 
 using Steady = std::chrono::steady_clock;
 using Payload = std::shared_ptr<const std::string>;
@@ -34,6 +38,7 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
         Steady::time_point give_up;
         std::chrono::milliseconds wait{0};  // before the next try
         std::deque<Payload> queue;
+        Steady::time_point progress;  // its last delivery, or when its queue began
         bool scheduled = false;  // in Shared::ready
         bool busy = false;       // a delivery thread is calling it
         bool dropped = false;
@@ -49,6 +54,7 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
     mutable std::mutex mutex;
     std::condition_variable work;     // delivery threads
     std::condition_variable lookups;  // the look-up thread
+    std::condition_variable room;     // senders waiting for a queue to take more
     bool stopping = false;
     bool looking_up = false;  // the look-up thread runs
     std::size_t workers = 0, idle = 0;
@@ -89,6 +95,7 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
             return;
         ep->dropped = true;
         ep->queue.clear();
+        room.notify_all();
         auto found = endpoints.find(ep->name);
         if (found != endpoints.end() && found->second == ep)
             endpoints.erase(found);
@@ -104,7 +111,9 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
             return;
         ready.push_back(ep);
         ep->scheduled = true;
-        if (idle > 0) {
+        // Each idle thread takes one waiting endpoint; a woken thread counts
+        // as idle until it runs, so the count of waiting ones decides.
+        if (idle >= ready.size()) {
             work.notify_one();
         } else if (workers < kDeliveryThreads) {
             ++workers;
@@ -151,6 +160,8 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
             bool ok = hub.deliver(handle, *payload);
             lock.lock();
             ep->busy = false;
+            ep->progress = Steady::now();
+            hub.room.notify_all();
             if (ep->dropped)
                 hub.release(*ep);
             else if (!ok)
@@ -227,6 +238,7 @@ BroadcastHub::~BroadcastHub()
     shared_->stopping = true;
     shared_->work.notify_all();
     shared_->lookups.notify_all();
+    shared_->room.notify_all();
 }
 
 void BroadcastHub::attach(binder_connection *bs) { shared_->bs = bs; }
@@ -269,18 +281,29 @@ void BroadcastHub::send(const std::string &payload)
 {
     Shared &hub = *shared_;
     auto shared_payload = std::make_shared<const std::string>(payload);
-    std::lock_guard<std::mutex> lock(hub.mutex);
-    for (auto &[name, ep] : hub.endpoints) {
+    std::unique_lock<std::mutex> lock(hub.mutex);
+    // Waiting for room lets the list change meanwhile.
+    std::vector<Shared::EndpointPtr> targets;
+    for (auto &entry : hub.endpoints)
+        targets.push_back(entry.second);
+    for (const Shared::EndpointPtr &ep : targets) {
+        while (!hub.stopping && !ep->dropped && ep->queue.size() >= kMaxQueued &&
+               Steady::now() < ep->progress + kStuck)
+            hub.room.wait_until(lock, ep->progress + kStuck);
+        if (hub.stopping || ep->dropped)
+            continue;
         if (ep->queue.size() >= kMaxQueued) {
             ep->queue.pop_front();
             if (!ep->overflowing)
                 std::fprintf(stderr,
-                             "hmisvc-devsim: broadcast endpoint \"%s\" takes intents too slowly: "
+                             "hmisvc-devsim: broadcast endpoint \"%s\" took no intent for %lld ms: "
                              "the oldest queued are dropped (%zu kept)\n",
-                             name.c_str(), kMaxQueued);
+                             ep->name.c_str(), static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(kStuck).count()),
+                             kMaxQueued);
             ep->overflowing = true;
         } else if (ep->queue.empty()) {
             ep->overflowing = false;
+            ep->progress = Steady::now();
         }
         ep->queue.push_back(shared_payload);
         hub.schedule(ep);

@@ -24,7 +24,8 @@ public:
     // Threads that deliver (started as deliveries need them).
     static constexpr std::size_t kDeliveryThreads = 8;
     // Intents queued for one endpoint that has not taken them yet; past
-    // that the oldest is dropped, and said so.
+    // that the sender waits for room while the endpoint takes intents, and
+    // the oldest is dropped (and said so) once it took none for a second.
     static constexpr std::size_t kMaxQueued = 64;
 
     // A name that cannot be looked up is dropped after `attempts` times
@@ -42,7 +43,8 @@ public:
     // Code 0: a name already known is kept once; false (and said on
     // standard error) when kMaxEndpoints are remembered already.
     bool add(const std::string &name);
-    // Code 1: queues the payload for every endpoint and returns at once.
+    // Code 1: queues the payload for every endpoint; returns at once unless
+    // a queue is full (see kMaxQueued).
     void send(const std::string &payload);
 
     std::size_t endpoints() const;

@@ -515,9 +515,12 @@ TEST(ReceivingEndpoint, DestructionWithAStoppedBroadcastServiceIsBounded)
 // its own (so that the dispatch threads pile up also where deliveries come
 // slowly, as in an emulated guest): its fate depends on the architecture
 // (32-bit ARM runs out of address space for the threads' stacks), so it is
-// printed, not asserted.
+// printed, not asserted. A measurement of minutes under load, so only where
+// HMISVC_MEASURE_DESIGNED_BURST is set.
 TEST(DesignedOnly, BurstToASlowReceiverFateIsPrinted)
 {
+    if (!std::getenv("HMISVC_MEASURE_DESIGNED_BURST"))
+        GTEST_SKIP() << "a measurement: set HMISVC_MEASURE_DESIGNED_BURST to run it";
     const pid_t pid = spawn_self(kDesignedOnlyChild);
     ASSERT_GT(pid, 0);
     int status = 0;
