@@ -320,7 +320,7 @@ TEST_F(Broadcasts, AStoppedEndpointHoldsUpNobodyElse)
     Receivers live(Specs{{"live", {"test.slow"}}});
     ASSERT_TRUE(stuck.ready());
     ASSERT_TRUE(live.ready());
-    ASSERT_EQ(kill(stuck.child->pid(), SIGSTOP), 0);
+    ASSERT_TRUE(peer::stop_process(stuck.child->pid()));
     for (int i = 0; i < 3; ++i) {
         Intent intent = make_intent("test.slow", i, "x");
         Context::SendBroadcast(intent);

@@ -1,5 +1,7 @@
 #include "process.h"
 
+#include <dirent.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -135,6 +137,31 @@ int threads_of(const std::string &process)
         if (line.rfind("Threads:", 0) == 0)
             return std::atoi(line.c_str() + 8);
     return -1;
+}
+
+bool stop_process(int pid)
+{
+    if (kill(pid, SIGSTOP) != 0)
+        return false;
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    return eventually([&] {
+        DIR *dir = opendir(tasks.c_str());
+        if (!dir)
+            return false;
+        bool all = true;
+        while (const dirent *entry = readdir(dir)) {
+            if (entry->d_name[0] == '.')
+                continue;
+            // "tid (comm) S ...": the state follows the last ')'.
+            std::ifstream stat(tasks + "/" + entry->d_name + "/stat");
+            std::string line;
+            std::getline(stat, line);
+            std::size_t close = line.rfind(')');
+            all = all && close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'T';
+        }
+        closedir(dir);
+        return all;
+    });
 }
 
 }  // namespace peer

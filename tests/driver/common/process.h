@@ -59,6 +59,10 @@ void stop_service_manager();
 // The thread count of a process ("self" or a pid); -1 when it is gone.
 int threads_of(const std::string &process = "self");
 
+// Sends SIGSTOP to `pid` and returns once every thread of it has stopped
+// (the signal is delivered after kill() returns); false when it never does.
+bool stop_process(int pid);
+
 // Polls `pred` up to `tries` times, 10 ms apart; true as soon as it holds.
 bool eventually(const std::function<bool()> &pred, int tries = 500);
 

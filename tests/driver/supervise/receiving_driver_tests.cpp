@@ -496,7 +496,7 @@ TEST(ReceivingEndpoint, DestructionWithAStoppedBroadcastServiceIsBounded)
         if (receiving_first) {
             ASSERT_TRUE(receiving->start(20s));
         }
-        ASSERT_EQ(kill(g_devsim->pid(), SIGSTOP), 0);
+        ASSERT_TRUE(peer::stop_process(g_devsim->pid()));
         if (!receiving_first) {
             EXPECT_FALSE(receiving->start(300ms));
         }

@@ -135,7 +135,7 @@ TEST(SupervisedService, AStoppedServiceTimesOutWithBoundedThreads)
     ASSERT_TRUE(backlight.call(&BacklightManager::GetBrightness).ok());
     const int before = peer::threads_of();
 
-    ASSERT_EQ(kill(g_devsim->pid(), SIGSTOP), 0);
+    ASSERT_TRUE(peer::stop_process(g_devsim->pid()));
     double slowest = 0;
     int timed_out = 0, most_threads = before;
     for (int i = 0; i < 100; ++i) {
