@@ -34,7 +34,8 @@ bool local_date(int64_t ms, Date &d)
     int subsecond = static_cast<int>(ms % 1000 + (before_epoch ? 1000 : 0));
     std::time_t t = static_cast<std::time_t>(secs);
     std::tm tm{};
-    if (!localtime_r(&t, &tm) || tm.tm_year > INT_MAX - 1900)
+    // A 32-bit time_t (armhf) would wrap to some other date.
+    if (static_cast<int64_t>(t) != secs || !localtime_r(&t, &tm) || tm.tm_year > INT_MAX - 1900)
         return false;
     d.subsecond = subsecond;
     d.second = tm.tm_sec;
