@@ -117,10 +117,15 @@ TEST(SupervisedService, CallsInALoopSurviveASimulatorRestart)
                                return a.ms < b.ms;
                            })->ms;
     EXPECT_LT(slowest, (std::chrono::duration<double, std::milli>(kLimit).count() + 5000)); // a loaded host's margin
-    EXPECT_EQ(changes.down, 1);
-    EXPECT_EQ(changes.up, 2); // the first call, and after the restart
+    // Down at the death, up again after the restart. The slow ARM guest once
+    // reported one more down/up pair while every call answered (a late
+    // notice of the old registration's death): the reports must still pair
+    // up and end up, with one first answer.
+    EXPECT_GE(changes.down, 1);
+    EXPECT_EQ(changes.up, changes.down + 1); // the first call, and after each down
     EXPECT_EQ(changes.first_up, 1);
-    EXPECT_EQ(changes.recovered, 1);
+    EXPECT_EQ(changes.recovered, changes.down.load());
+    EXPECT_EQ(backlight.state(), ServiceState::Up);
     std::printf("restart to working: %.1f ms (simulator ready to the first answered call); "
                 "%zu calls, slowest %.1f ms\n",
                 std::chrono::duration<double, std::milli>(first->at - restarted).count() + first->ms, calls.size(),
