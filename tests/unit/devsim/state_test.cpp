@@ -1,4 +1,5 @@
 #include "control.h"
+#include "settled_dump.h"
 #include "state.h"
 
 #include <gtest/gtest.h>
@@ -41,11 +42,11 @@ TEST_F(Steered, SetChangesOneValueOrRefusesAndChangesNothing)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.key) + " " + c.value);
-        std::string before = control.dump().text;
+        const Json before = settled_dump(control);
         ControlResult r = control.set(c.key, c.value);
         EXPECT_EQ(r.code, c.code) << r.text;
         if (c.code != 0) {
-            EXPECT_EQ(control.dump().text, before);
+            EXPECT_EQ(settled_dump(control), before);
         }
     }
     EXPECT_EQ(device.settings.get("panel", "title.long", ""), "a b");
