@@ -12,6 +12,7 @@
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 namespace hmisvc {
 
@@ -37,6 +38,8 @@ constexpr std::chrono::milliseconds kPoll{10};
 } // namespace
 
 Job::~Job() = default;
+void Job::deliver(Outcome) {}
+void Job::abandon() {}
 
 class ServiceCore : public DeathListener, public std::enable_shared_from_this<ServiceCore> {
 public:
@@ -137,15 +140,58 @@ public:
         return job->sent_ ? Outcome::TimedOut : Outcome::NotRegistered;
     }
 
+    // An asynchronous call: its end comes from the worker that ran it or,
+    // once its limit passed, from the timer thread, whichever is first.
+    void post(const std::shared_ptr<Job> &job, std::chrono::milliseconds limit)
+    {
+        std::unique_lock<std::mutex> lock(pool_mutex_);
+        job->async_ = true;
+        if (stopping_) {
+            job->claimed_ = true;
+            lock.unlock();
+            job->abandon();
+            return;
+        }
+        startWorkers();
+        job->deadline_ = limit.count() > 0 ? Clock::now() + limit : Clock::time_point::max();
+        queue_.push_back(job);
+        if (limit.count() > 0) {
+            startTimer();
+            timed_.push_back(job);
+            timer_.notify_one();
+        }
+        work_.notify_one();
+    }
+
     void close() noexcept
     {
         {
             std::lock_guard<std::recursive_mutex> lock(callback_mutex_);
             closed_ = true;
         }
-        std::lock_guard<std::mutex> lock(pool_mutex_);
-        stopping_ = true;
-        work_.notify_all();
+        {
+            std::lock_guard<std::recursive_mutex> lock(deliver_mutex_);
+            delivering_closed_ = true;
+        }
+        std::vector<std::shared_ptr<Job>> abandoned;
+        {
+            std::lock_guard<std::mutex> lock(pool_mutex_);
+            stopping_ = true;
+            for (auto &job : queue_)
+                if (job->async_ && !job->claimed_)
+                    abandoned.push_back(job);
+            for (auto &job : timed_)
+                if (!job->claimed_ && std::find(abandoned.begin(), abandoned.end(), job) == abandoned.end())
+                    abandoned.push_back(job);
+            for (auto &job : abandoned)
+                job->claimed_ = true;
+            queue_.clear();
+            timed_.clear();
+            work_.notify_all();
+            timer_.notify_all();
+        }
+        for (auto &job : abandoned)
+            job->abandon();
     }
 
     ServiceState state() const { return state_.load(); }
@@ -186,6 +232,70 @@ private:
             std::thread([self = shared_from_this()] { self->work(); }).detach();
     }
 
+    void startTimer()
+    {
+        if (timer_started_)
+            return;
+        timer_started_ = true;
+        std::thread([self = shared_from_this()] { self->watchDeadlines(); }).detach();
+    }
+
+    // Under pool_mutex_: whether the job's end is this caller's to deliver.
+    bool claim(const std::shared_ptr<Job> &job)
+    {
+        if (job->claimed_)
+            return false;
+        job->claimed_ = true;
+        if (job->deadline_ != Clock::time_point::max())
+            timed_.erase(std::find(timed_.begin(), timed_.end(), job));
+        return true;
+    }
+
+    // The handle's end: no delivery starts after close(), and close() waits
+    // for one under way (a recursive lock: a callback may end the handle).
+    void deliver(const std::shared_ptr<Job> &job, Outcome late)
+    {
+        std::lock_guard<std::recursive_mutex> lock(deliver_mutex_);
+        if (!delivering_closed_)
+            job->deliver(late);
+        else
+            job->abandon(); // a future still learns of the end
+
+    }
+
+    void watchDeadlines()
+    {
+        pthread_setname_np(pthread_self(), "hmisvc-timer");
+        std::unique_lock<std::mutex> lock(pool_mutex_);
+        while (!stopping_) {
+            auto next = Clock::time_point::max();
+            for (auto &job : timed_)
+                next = std::min(next, job->deadline_);
+            if (next == Clock::time_point::max()) {
+                timer_.wait(lock);
+                continue;
+            }
+            if (timer_.wait_until(lock, next) == std::cv_status::no_timeout && Clock::now() < next)
+                continue;
+            const auto now = Clock::now();
+            std::vector<std::pair<std::shared_ptr<Job>, Outcome>> late;
+            for (auto &job : std::vector<std::shared_ptr<Job>>(timed_)) {
+                if (job->deadline_ > now || !claim(job))
+                    continue;
+                Outcome why = Outcome::TimedOut;
+                if (!job->started_)
+                    queue_.erase(std::find(queue_.begin(), queue_.end(), job)); // never sent
+                else if (!job->sent_)
+                    why = Outcome::NotRegistered;
+                late.emplace_back(job, why);
+            }
+            lock.unlock();
+            for (auto &[job, why] : late)
+                deliver(job, why);
+            lock.lock();
+        }
+    }
+
     void work()
     {
         pthread_setname_np(pthread_self(), "hmisvc-call");
@@ -199,14 +309,22 @@ private:
             job->started_ = true;
             lock.unlock();
             // The lookup waits no longer than the caller does.
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(job->deadline_ - Clock::now());
+            auto lookup = options_.lookupLimit;
+            if (job->deadline_ != Clock::time_point::max())
+                lookup = std::min(lookup, std::chrono::duration_cast<std::chrono::milliseconds>(job->deadline_ - Clock::now()));
             Outcome why = Outcome::Ok;
-            auto proxy = acquire(why, std::max(std::chrono::milliseconds(0), std::min(options_.lookupLimit, left)));
+            auto proxy = acquire(why, std::max(std::chrono::milliseconds(0), lookup));
             job->sent_ = proxy != nullptr;
             job->run(proxy, why);
             lock.lock();
             job->done_ = true;
             finished_.notify_all();
+            if (job->async_ && claim(job)) {
+                lock.unlock();
+                deliver(job, Outcome::Ok);
+                job.reset(); // its callback's captures go on this thread, unlocked
+                lock.lock();
+            }
         }
     }
 
@@ -224,10 +342,15 @@ private:
     std::recursive_mutex callback_mutex_; // a callback may call through the handle
     bool closed_ = false;
 
+    std::recursive_mutex deliver_mutex_; // asynchronous calls' ends
+    bool delivering_closed_ = false;
+
     std::mutex pool_mutex_;
-    std::condition_variable work_, finished_;
+    std::condition_variable work_, finished_, timer_;
     std::deque<std::shared_ptr<Job>> queue_;
+    std::vector<std::shared_ptr<Job>> timed_; // asynchronous calls with a limit, not yet ended
     bool workers_started_ = false;
+    bool timer_started_ = false;
     bool stopping_ = false;
 };
 
@@ -259,6 +382,11 @@ void settle(ServiceCore &core, const std::shared_ptr<ServiceManager> &proxy, Out
 Outcome runWithin(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit)
 {
     return core.runWithin(job, limit);
+}
+
+void post(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit)
+{
+    core.post(job, limit);
 }
 
 ServiceState state(const ServiceCore &core) { return core.state(); }

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -95,11 +96,19 @@ public:
     /// Makes the call with @p proxy (null when the service was not found by
     /// @p why) and keeps its result.
     virtual void run(const std::shared_ptr<ServiceManager> &proxy, Outcome why) = 0;
+    /// An asynchronous call's end: hands its result on (@p late is Outcome::Ok
+    /// after run(), else why there is none). Called once, never after the
+    /// handle closed.
+    virtual void deliver(Outcome late);
+    /// An asynchronous call the closing handle gives up on.
+    virtual void abandon();
 
 private:
     friend class ServiceCore;
     bool started_ = false; // under the handle's queue lock
     bool done_ = false;
+    bool async_ = false;
+    bool claimed_ = false; // its end is being delivered (asynchronous calls)
     std::atomic<bool> sent_{false}; // the service was found: the call is under way
     std::chrono::steady_clock::time_point deadline_{}; // of its caller's wait
 };
@@ -123,6 +132,11 @@ HMISVC_API void settle(ServiceCore &core, const std::shared_ptr<ServiceManager> 
 /// a worker: a job not yet started then never runs) or
 /// Outcome::NotRegistered (the name was not registered within the limit).
 HMISVC_API Outcome runWithin(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit);
+/// Queues @p job on a worker and returns at once; its end is delivered on
+/// the worker that ran it, or on the handle's timer thread with
+/// Outcome::TimedOut (or Outcome::NotRegistered) once @p limit passed
+/// (0: no limit).
+HMISVC_API void post(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit);
 /// Looks the service up now unless the handle has a proxy, waiting up to
 /// @p limit; whether it has one.
 HMISVC_API bool connect(ServiceCore &core, std::chrono::milliseconds limit);
@@ -165,14 +179,14 @@ Result<R> invoke(ServiceCore &core, const std::shared_ptr<ServiceManager> &proxy
     }
 }
 
-/// A limited call: the arguments copied into the job, out-parameters
-/// (non-const references) copied back when the call finished in time.
-template <class Proxy, class R, class... P> class MethodJob final : public Job {
+/// A call run on a worker: the arguments copied into the job, its result
+/// kept for whoever waits for it.
+template <class Proxy, class R, class... P> class CallJob : public Job {
 public:
     using Method = R (Proxy::*)(P...); ///< The proxy method called.
     /// A call of @p method with copies of @p args, for a handle's @p core.
     template <class... A>
-    MethodJob(ServiceCore &core, Method method, A &&...args)
+    CallJob(ServiceCore &core, Method method, A &&...args)
         : core_(core), method_(method), args_(std::forward<A>(args)...)
     {
     }
@@ -181,28 +195,74 @@ public:
         result_ = proxy ? std::apply([&](auto &...a) { return invoke<Proxy>(core_, proxy, method_, a...); }, args_)
                         : Result<R>(why);
     }
+
+protected:
+    ServiceCore &core_; ///< the core outlives its workers' jobs
+    Method method_;     ///< the proxy method called
+    std::tuple<std::decay_t<P>...> args_; ///< the copies the call is made with
+    Result<R> result_{Outcome::TimedOut}; ///< its result once run
+};
+
+/// A limited call its caller waits for: out-parameters (non-const
+/// references) copied back when the call finished in time.
+template <class Proxy, class R, class... P> class MethodJob final : public CallJob<Proxy, R, P...> {
+public:
+    using CallJob<Proxy, R, P...>::CallJob;
     /// Hands the result to the caller's thread, copying out-parameters back
     /// into @p args.
     template <class... A> Result<R> finish(A &...args)
     {
         copyBack(std::index_sequence_for<P...>{}, args...);
-        return std::move(result_);
+        return std::move(this->result_);
     }
 
 private:
     template <std::size_t... I, class... A> void copyBack(std::index_sequence<I...>, A &...args)
     {
-        (assignIfOut<P>(args, std::get<I>(args_)), ...);
+        (assignIfOut<P>(args, std::get<I>(this->args_)), ...);
     }
     template <class Param, class Arg, class Held> static void assignIfOut(Arg &arg, Held &held)
     {
         if constexpr (std::is_lvalue_reference_v<Param> && !std::is_const_v<std::remove_reference_t<Param>>)
             arg = held;
     }
-    ServiceCore &core_; // the core outlives its workers' jobs
-    Method method_;
-    std::tuple<std::decay_t<P>...> args_;
-    Result<R> result_{Outcome::TimedOut};
+};
+
+/// Fulfils a future: with the result, or Outcome::TimedOut when the handle
+/// closed first.
+template <class R> struct Promise {
+    std::shared_ptr<std::promise<Result<R>>> promise = std::make_shared<std::promise<Result<R>>>(); ///< the future's
+    void operator()(Result<R> result) { promise->set_value(std::move(result)); } ///< The call's end.
+    void operator()() { promise->set_value(Result<R>(Outcome::TimedOut)); }      ///< The handle closed first.
+};
+
+/// An asynchronous call: its end goes to @p Done, with the arguments as the
+/// call left them when Done takes them (out-parameters), else the result
+/// alone.
+template <class Done, class Proxy, class R, class... P> class AsyncJob final : public CallJob<Proxy, R, P...> {
+public:
+    /// A call of @p method with copies of @p args whose end goes to @p done.
+    template <class... A>
+    AsyncJob(Done done, ServiceCore &core, R (Proxy::*method)(P...), A &&...args)
+        : CallJob<Proxy, R, P...>(core, method, std::forward<A>(args)...), done_(std::move(done))
+    {
+    }
+    void deliver(Outcome late) override
+    {
+        Result<R> result = late == Outcome::Ok ? std::move(this->result_) : Result<R>(late);
+        if constexpr (std::is_invocable_v<Done &, Result<R>, std::decay_t<P> &...>)
+            std::apply([&](auto &...a) { done_(std::move(result), a...); }, this->args_);
+        else
+            done_(std::move(result));
+    }
+    void abandon() override
+    {
+        if constexpr (std::is_same_v<Done, Promise<R>>)
+            done_();
+    }
+
+private:
+    Done done_;
 };
 
 } // namespace detail
@@ -284,6 +344,53 @@ public:
         return result;
     }
 
+    /// Calls @p method with @p args asynchronously, under the handle's time
+    /// limit: returns at once; the future holds the result (the method's
+    /// value or why there is none: Outcome::TimedOut once the limit passed,
+    /// also when the handle is destroyed first). Out-parameters are not
+    /// handed back: take the callback form for them.
+    ///
+    /// @code
+    /// auto level = backlight.callAsync(&BacklightManager::GetBrightness);
+    /// ...
+    /// if (auto r = level.get()) show(*r);
+    /// @endcode
+    template <class R, class... P, class... A>
+    std::future<Result<R>> callAsync(R (Proxy::*method)(P...), A &&...args)
+    {
+        detail::Promise<R> promise;
+        auto future = promise.promise->get_future();
+        post(std::move(promise), method, std::forward<A>(args)...);
+        return future;
+    }
+
+    /// Calls @p method with @p args asynchronously, under the handle's time
+    /// limit, and hands the result to @p done: `done(Result<R>)`, or
+    /// `done(Result<R>, args...)` to see the arguments as the call left them
+    /// (out-parameters such as the record GetWifiinfo fills).
+    ///
+    /// The call runs on one of the handle's ServiceOptions::workers, never on
+    /// a thread of its own; @p done runs once, on that worker, or on the
+    /// handle's timer thread with Outcome::TimedOut when the limit passed
+    /// first (the transaction goes on on its worker; a call still waiting
+    /// for a worker then is never sent) or Outcome::NotRegistered when the
+    /// name was not registered within it. Without a limit (callLimit 0) it
+    /// waits for the answer. @p done never runs after the handle is
+    /// destroyed: the destructor waits for a @p done under way (unless
+    /// called from it) and drops the rest. Keep it short: it holds up the
+    /// other calls' ends.
+    ///
+    /// @code
+    /// backlight.callAsync([](hmisvc::Result<bool> accepted) { ... },
+    ///                     &BacklightManager::SetBrightness, 80);
+    /// @endcode
+    template <class Done, class R, class... P, class... A,
+              class = std::enable_if_t<!std::is_member_function_pointer_v<std::decay_t<Done>>>>
+    void callAsync(Done &&done, R (Proxy::*method)(P...), A &&...args)
+    {
+        post(std::forward<Done>(done), method, std::forward<A>(args)...);
+    }
+
     /// Looks the service up now if the handle has no proxy, waiting up to
     /// @p limit for its name. The state changes on the next call's answer.
     /// @return whether the handle has a proxy for a registered service.
@@ -295,6 +402,13 @@ public:
     const std::string &name() const { return detail::name(*core_); }
 
 private:
+    template <class Done, class R, class... P, class... A> void post(Done &&done, R (Proxy::*method)(P...), A &&...args)
+    {
+        auto job = std::make_shared<detail::AsyncJob<std::decay_t<Done>, Proxy, R, P...>>(
+            std::forward<Done>(done), *core_, method, std::forward<A>(args)...);
+        detail::post(*core_, job, detail::callLimit(*core_));
+    }
+
     std::shared_ptr<detail::ServiceCore> core_;
 };
 

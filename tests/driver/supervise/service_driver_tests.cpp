@@ -6,6 +6,7 @@
 
 #include <hmisvc/outcome.h>
 #include <hmisvc/proxies.h>
+#include <hmisvc/records.h>
 #include <hmisvc/service.h>
 
 #include <gtest/gtest.h>
@@ -20,6 +21,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -162,6 +164,77 @@ TEST(SupervisedService, AStoppedServiceTimesOutWithBoundedThreads)
     EXPECT_EQ(changes.down, 0); // stopped is not dead
     std::printf("100 calls to a stopped service, 200 ms limit: slowest %.1f ms, threads %d -> at most %d\n",
                 slowest, before, most_threads);
+}
+
+// Asynchronous calls to a stopped service: each returns at once, each
+// callback gets TimedOut once the limit passed, the future too; nothing adds
+// a thread per call; after SIGCONT the answers come back.
+TEST(SupervisedService, AsynchronousCallsToAStoppedServiceNeverBlockTheCaller)
+{
+    constexpr auto kLimit = 200ms;
+    Changes changes;
+    hmisvc::Service<BacklightManager> backlight(changes.options(kLimit));
+    ASSERT_TRUE(backlight.callAsync(&BacklightManager::GetBrightness).get().ok());
+    backlight.call(&BacklightManager::GetBrightness); // the worker and timer threads started
+    const int before = peer::threads_of();
+
+    ASSERT_TRUE(peer::stop_process(g_devsim->pid()));
+    constexpr int kCalls = 50;
+    std::atomic<int> ended{0}, timed_out{0};
+    double slowest_return = 0;
+    for (int i = 0; i < kCalls; ++i) {
+        const auto start = Clock::now();
+        backlight.callAsync(
+            [&](hmisvc::Result<bool> r) {
+                timed_out += r.outcome() == Outcome::TimedOut;
+                ++ended;
+            },
+            &BacklightManager::SetBrightness, i);
+        slowest_return = std::max(slowest_return, ms_since(start));
+    }
+    auto future = backlight.callAsync(&BacklightManager::GetBrightness);
+    EXPECT_TRUE(peer::eventually([&] { return ended == kCalls; }, 3000));
+    EXPECT_EQ(timed_out, kCalls);
+    EXPECT_EQ(future.get().outcome(), Outcome::TimedOut);
+    const int threads = peer::threads_of();
+    ASSERT_EQ(kill(g_devsim->pid(), SIGCONT), 0);
+    EXPECT_EQ(threads, before); // no thread per call
+
+    // The answer comes back through the callback, out-parameters with it.
+    hmisvc::Service<WifiManager> wifi(changes.options(kLimit));
+    WifiInfo info;
+    std::promise<std::string> got;
+    wifi.callAsync([&](hmisvc::Result<bool> r, WifiInfo &filled) { got.set_value(r.ok() ? filled.text1 : "failed"); },
+                   &WifiManager::GetWifiinfo, info);
+    EXPECT_NE(got.get_future().get(), "failed");
+    EXPECT_TRUE(peer::eventually([&] { return backlight.callAsync(&BacklightManager::GetBrightness).get().ok(); }));
+    std::printf("%d asynchronous calls to a stopped service, 200 ms limit: slowest return %.3f ms, threads %d\n",
+                kCalls, slowest_return, threads);
+}
+
+// A handle destroyed with calls in flight: no callback afterwards; a
+// future still ends.
+TEST(SupervisedService, NoCallbackAfterTheHandleIsDestroyed)
+{
+    std::atomic<int> after{0};
+    std::atomic<bool> destroyed{false};
+    auto held = std::make_shared<int>(0); // by every callback until its job is gone
+    std::future<hmisvc::Result<int>> future;
+    ASSERT_TRUE(peer::stop_process(g_devsim->pid()));
+    {
+        hmisvc::ServiceOptions options;
+        options.callLimit = 5000ms;
+        hmisvc::Service<BacklightManager> backlight(options);
+        for (int i = 0; i < 20; ++i)
+            backlight.callAsync([&, held](hmisvc::Result<int>) { after += destroyed.load(); },
+                                &BacklightManager::GetBrightness);
+        future = backlight.callAsync(&BacklightManager::GetBrightness);
+    }
+    destroyed = true;
+    ASSERT_EQ(kill(g_devsim->pid(), SIGCONT), 0);
+    EXPECT_EQ(future.get().outcome(), Outcome::TimedOut);
+    EXPECT_TRUE(peer::eventually([&] { return held.use_count() == 1; })); // the stuck call ended too
+    EXPECT_EQ(after, 0);
 }
 
 bool sim(const std::string &args)
