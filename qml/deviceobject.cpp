@@ -1,0 +1,88 @@
+#include "deviceobject.h"
+
+#include <algorithm>
+
+namespace hmisvc::qml {
+
+DeviceObject::DeviceObject(QObject *parent) : QObject(parent)
+{
+    QObject::connect(&timer_, &QTimer::timeout, this, [this] {
+        if (pending_ == 0) // a hanging service gets one refresh at a time
+            refresh();
+    });
+}
+
+// The handle goes first: it waits for a callback under way and drops the
+// rest, so no answer is posted to this object once it is gone.
+DeviceObject::~DeviceObject() { handle_.reset(); }
+
+void DeviceObject::refresh()
+{
+    if (complete_)
+        fetch();
+}
+
+void DeviceObject::setRefreshInterval(int ms)
+{
+    ms = std::max(0, ms);
+    if (ms == timer_.interval() && (ms > 0) == timer_.isActive())
+        return;
+    timer_.setInterval(ms);
+    if (ms > 0 && complete_)
+        timer_.start();
+    else if (ms == 0)
+        timer_.stop();
+    emit refreshIntervalChanged();
+}
+
+void DeviceObject::setTimeLimit(int ms)
+{
+    ms = std::max(1, ms);
+    if (ms == timeLimit_)
+        return;
+    timeLimit_ = ms;
+    handle_.reset(); // made again with the new limit; the old one's answers are dropped
+    pending_ = 0;
+    emit timeLimitChanged();
+}
+
+void DeviceObject::classBegin() {}
+
+void DeviceObject::componentComplete()
+{
+    complete_ = true;
+    if (timer_.interval() > 0)
+        timer_.start();
+    refresh();
+}
+
+void DeviceObject::setLastError(const QString &error)
+{
+    if (error == lastError_)
+        return;
+    lastError_ = error;
+    emit lastErrorChanged();
+}
+
+void DeviceObject::setStatus(const QString &status)
+{
+    if (status == status_)
+        return;
+    status_ = status;
+    emit statusChanged();
+}
+
+ServiceOptions DeviceObject::options()
+{
+    ServiceOptions options;
+    options.callLimit = std::chrono::milliseconds(timeLimit_);
+    options.lookupLimit = std::min(options.lookupLimit, options.callLimit);
+    // On a worker or the watch thread; never after the handle is gone.
+    options.onStateChange = [this](ServiceChange change) {
+        const QString status = QString::fromUtf8(serviceStateName(change.state()));
+        QMetaObject::invokeMethod(this, [this, status] { setStatus(status); }, Qt::QueuedConnection);
+    };
+    return options;
+}
+
+} // namespace hmisvc::qml

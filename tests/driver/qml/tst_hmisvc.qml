@@ -1,0 +1,119 @@
+// The module's types against the simulated device: values in, writes out,
+// a failing service, broadcasts, and a stopped service while the GUI
+// thread goes on.
+import QtQuick
+import QtTest
+import Hmisvc
+
+TestCase {
+    id: test
+    name: "Hmisvc"
+    property var lastBroadcast: null
+
+    Backlight { id: backlight }
+    Backlight { id: polled; refreshInterval: 100 }
+    Beeper { id: beeper }
+    Settings { id: setting; section: "qmltest"; key: "colour" }
+    Wifi { id: wifi }
+    DeviceInfo { id: device }
+    Broadcasts {
+        id: broadcasts
+        actions: ["hmisvc.test.qml"]
+        onReceived: (action, ints, strings) => test.lastBroadcast = { action: action, ints: ints, strings: strings }
+    }
+    Component { id: slowBacklight; Backlight { timeLimit: 10000 } }
+
+    function initTestCase() {
+        tryCompare(backlight, "status", "up", 20000)
+        tryVerify(() => backlight.maximum > 0, 20000)
+    }
+
+    function test_a_deviceValueReachesTheBoundProperty() {
+        verify(sim.run(["set", "backlight.brightness", "42"]) !== null)
+        backlight.refresh()
+        tryCompare(backlight, "brightness", 42, 20000)
+        compare(backlight.lastError, "")
+        tryCompare(device, "hmiName", sim.value("system.hmi_name"), 20000)
+        wifi.refresh()
+        tryVerify(() => wifi.networks.rowCount() === sim.value("wifi.scan").length, 20000)
+    }
+
+    function test_b_writes() {
+        // Beeps are counted: one beep, one count.
+        const before = sim.value("beep.count")
+        beeper.beep(50, 1)
+        tryVerify(() => sim.value("beep.count") === before + 1, 20000)
+        backlight.refresh() // one more round trip through the same kind of handle
+        tryCompare(backlight, "brightness", sim.value("backlight.brightness"), 20000)
+        compare(sim.value("beep.count"), before + 1)
+
+        backlight.setBrightness(7)
+        tryCompare(backlight, "brightness", 7, 20000)
+        compare(sim.value("backlight.brightness"), 7)
+
+        setting.value = "blue"
+        tryCompare(setting, "value", "blue", 20000)
+        compare(sim.value("settings.qmltest.colour"), "blue")
+    }
+
+    function test_c_badWritesLeaveTheProperty_data() {
+        return [
+            { tag: "above the maximum", level: () => backlight.maximum + 1 },
+            { tag: "negative", level: () => -1 },
+        ]
+    }
+    function test_c_badWritesLeaveTheProperty(data) {
+        const before = backlight.brightness
+        backlight.setBrightness(data.level())
+        verify(backlight.lastError.indexOf("out of range") >= 0, backlight.lastError)
+        compare(backlight.brightness, before)
+        compare(sim.value("backlight.brightness"), before)
+    }
+
+    function test_d_unknownSettingKey() {
+        setting.key = "no-such-key"
+        tryVerify(() => setting.lastError.indexOf("no such setting") === 0, 20000)
+        compare(setting.value, "blue")
+        setting.key = "colour"
+    }
+
+    function test_e_failingServiceGoesDownAndComesBack() {
+        tryCompare(polled, "status", "up", 20000)
+        verify(sim.run(["fail", "backlight"]) !== null)
+        tryCompare(polled, "status", "down", 20000)
+        verify(sim.run(["heal", "backlight"]) !== null)
+        tryCompare(polled, "status", "up", 20000) // on its own: refreshInterval
+    }
+
+    function test_f_broadcastReachesTheHandler() {
+        tryCompare(broadcasts, "receiving", true, 30000)
+        broadcasts.send("hmisvc.test.qml", { page: 3 }, { from: "qml" })
+        tryVerify(() => test.lastBroadcast !== null, 20000)
+        compare(test.lastBroadcast.action, "hmisvc.test.qml")
+        compare(test.lastBroadcast.ints.page, 3)
+        compare(test.lastBroadcast.strings.from, "qml")
+    }
+
+    function test_g_stoppedServiceNeverBlocksTheGuiThread() {
+        const slow = createTemporaryObject(slowBacklight, test)
+        tryCompare(slow, "status", "up", 20000)
+        const doomed = slowBacklight.createObject(test)
+        verify(sim.stop())
+        sim.watchStalls()
+        const start = Date.now()
+        slow.refresh()
+        slow.setBrightness(3)
+        doomed.refresh()
+        doomed.destroy() // a page gone with calls in flight
+        const returned = Date.now() - start
+        tryCompare(slow, "lastError", "timed out", 60000)
+        const stall = sim.longestStall()
+        verify(sim.resume())
+        console.log("stopped service, 10 s limit: calls returned after " + returned +
+                    " ms; longest GUI-thread stall " + stall.toFixed(1) + " ms")
+        verify(stall < 10000, "the GUI thread waited for a call: " + stall + " ms")
+        compare(slow.status, "up") // stopped is not dead
+        slow.refresh()
+        tryCompare(slow, "lastError", "", 20000)
+    }
+}
