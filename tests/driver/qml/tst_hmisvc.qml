@@ -94,26 +94,32 @@ TestCase {
         compare(test.lastBroadcast.strings.from, "qml")
     }
 
+    // Two rounds: the first also pages in code the guest reads over 9p.
     function test_g_stoppedServiceNeverBlocksTheGuiThread() {
         const slow = createTemporaryObject(slowBacklight, test)
         tryCompare(slow, "status", "up", 20000)
-        const doomed = slowBacklight.createObject(test)
-        verify(sim.stop())
         sim.watchStalls()
-        const start = Date.now()
-        slow.refresh()
-        slow.setBrightness(3)
-        doomed.refresh()
-        doomed.destroy() // a page gone with calls in flight
-        const returned = Date.now() - start
-        tryCompare(slow, "lastError", "timed out", 60000)
-        const stall = sim.longestStall()
-        verify(sim.resume())
-        console.log("stopped service, 10 s limit: calls returned after " + returned +
-                    " ms; longest GUI-thread stall " + stall.toFixed(1) + " ms")
-        verify(stall < 10000, "the GUI thread waited for a call: " + stall + " ms")
-        compare(slow.status, "up") // stopped is not dead
-        slow.refresh()
-        tryCompare(slow, "lastError", "", 20000)
+        wait(3000) // nothing to do: what the guest itself costs the GUI thread
+        console.log("idle: longest GUI-thread stall " + sim.longestStall().toFixed(1) + " ms")
+        for (let round = 1; round <= 2; ++round) {
+            const doomed = slowBacklight.createObject(test)
+            verify(sim.stop())
+            sim.watchStalls()
+            const start = Date.now()
+            slow.refresh()
+            slow.setBrightness(3)
+            doomed.refresh()
+            doomed.destroy() // a page gone with calls in flight
+            const returned = Date.now() - start
+            tryCompare(slow, "lastError", "timed out", 60000)
+            const stall = sim.longestStall()
+            verify(sim.resume())
+            console.log("round " + round + ": stopped service, 10 s limit: calls returned after " + returned +
+                        " ms; longest GUI-thread stall " + stall.toFixed(1) + " ms")
+            verify(stall < 10000, "the GUI thread waited for a call: " + stall + " ms")
+            compare(slow.status, "up") // stopped is not dead
+            slow.refresh()
+            tryCompare(slow, "lastError", "", 20000)
+        }
     }
 }
