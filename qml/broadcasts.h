@@ -63,6 +63,7 @@ signals:
 
 protected:
     void fetch() override {}
+    /// Starts receiving once the page set actions.
     void componentComplete() override;
 
 private:

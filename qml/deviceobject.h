@@ -90,6 +90,7 @@ protected:
     /// The type's getters, called by refresh() through ask().
     virtual void fetch() = 0;
 
+    /// Nothing before the page set the properties.
     void classBegin() override;
     /// The first refresh, once the page set the properties.
     void componentComplete() override;

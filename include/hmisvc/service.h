@@ -190,6 +190,7 @@ public:
         : core_(core), method_(method), args_(std::forward<A>(args)...)
     {
     }
+    /// Makes the call with @p proxy, or keeps @p why when there is none.
     void run(const std::shared_ptr<ServiceManager> &proxy, Outcome why) override
     {
         result_ = proxy ? std::apply([&](auto &...a) { return invoke<Proxy>(core_, proxy, method_, a...); }, args_)
@@ -247,6 +248,7 @@ public:
         : CallJob<Proxy, R, P...>(core, method, std::forward<A>(args)...), done_(std::move(done))
     {
     }
+    /// Hands the result (or @p late) to the callback.
     void deliver(Outcome late) override
     {
         Result<R> result = late == Outcome::Ok ? std::move(this->result_) : Result<R>(late);
@@ -255,6 +257,7 @@ public:
         else
             done_(std::move(result));
     }
+    /// Ends a future's wait when the handle closed first.
     void abandon() override
     {
         if constexpr (std::is_same_v<Done, Promise<R>>)

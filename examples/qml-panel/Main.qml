@@ -1,0 +1,52 @@
+// The operator panel of examples/qt-panel in QML: a brightness slider, the
+// Wi-Fi networks in range, the last "show settings" broadcast and a status
+// line per service. The Hmisvc types make every call off the GUI thread
+// with a time limit; a stopped service shows "timed out", the page goes on.
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+import Hmisvc
+
+ApplicationWindow {
+    id: window
+    width: 360; height: 420
+    visible: true
+    title: "Panel"
+
+    Backlight { id: backlight; timeLimit: 500; refreshInterval: 2000 }
+    Wifi { id: wifi; timeLimit: 500; refreshInterval: 5000 }
+    Broadcasts {
+        id: broadcasts
+        actions: ["hmi.action.show.settings"]
+        property string last: "no broadcast yet"
+        onReceived: (action, ints, strings) => last = action + " page=" + (ints.page || 0)
+    }
+
+    ColumnLayout {
+        anchors.fill: parent
+        anchors.margins: 8
+        Repeater {
+            model: [["backlight", backlight], ["Wi-Fi", wifi], ["broadcasts", broadcasts]]
+            Label {
+                required property var modelData
+                text: modelData[0] + ": " + modelData[1].status +
+                      (modelData[1].lastError ? " (" + modelData[1].lastError + ")" : "")
+            }
+        }
+        Label { text: "Brightness " + backlight.brightness + " of " + backlight.maximum }
+        Slider {
+            Layout.fillWidth: true
+            from: 0; to: Math.max(backlight.maximum, 1); stepSize: 1
+            value: backlight.brightness
+            onMoved: backlight.setBrightness(value)
+        }
+        Label { text: "Wi-Fi networks" }
+        ListView {
+            Layout.fillWidth: true; Layout.fillHeight: true
+            clip: true
+            model: wifi.networks
+            delegate: Label { text: ssid + " (" + signal + " dBm)" }
+        }
+        Label { text: broadcasts.last }
+    }
+}
