@@ -165,13 +165,25 @@ driver.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS
   "qemu-system-x86 | qemu-system-arm, busybox-static, cpio, xz-utils, zstd, binutils")
 
+# The QML module (qml/): Debian names Qt 6 QML module packages qml6-module-*.
+set(CPACK_DEBIAN_QML_PACKAGE_NAME qml6-module-hmisvc)
+set(CPACK_DEBIAN_QML_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_QML_PACKAGE_DEPENDS "${_hmisvc_lib} (= ${_hmisvc_deb_version})")
+set(CPACK_COMPONENT_QML_DESCRIPTION "HMI system services for Qt Quick - QML module
+The QML module Hmisvc gives Qt Quick pages typed objects for the device's
+system services (device information, backlight, beeper, date and time,
+Ethernet, 4G modem, Wi-Fi with its scan list as a model, network selection,
+remote access, settings, broadcasts). Every call runs off the GUI thread with
+a time limit; each object shows whether its service is up and why a call
+failed.")
+
 # Documentation every package carries: copyright and the compressed changelog.
 set(_hmisvc_changelog ${PROJECT_BINARY_DIR}/changelog.Debian.gz)
 add_custom_command(OUTPUT ${_hmisvc_changelog}
   COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/packaging/changelog > ${_hmisvc_changelog}
   DEPENDS ${PROJECT_SOURCE_DIR}/packaging/changelog)
 add_custom_target(hmisvc-changelog ALL DEPENDS ${_hmisvc_changelog})
-foreach(component runtime dev tools)
+foreach(component runtime dev tools qml)
   string(TOUPPER ${component} _c)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${_hmisvc_changelog}
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${_c}_PACKAGE_NAME} COMPONENT ${component})
@@ -184,7 +196,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/hmisvc.bash-completion
 # CPack cannot write Multi-Arch nor run ldconfig by trigger; a post-build
 # step edits the library packages.
 set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/HmisvcDebFinish.cmake)
-set(CPACK_HMISVC_MULTIARCH_SAME ${_hmisvc_lib} libhmisvc-dev)
+set(CPACK_HMISVC_MULTIARCH_SAME ${_hmisvc_lib} libhmisvc-dev qml6-module-hmisvc)
 set(CPACK_HMISVC_LDCONFIG_TRIGGER ${_hmisvc_lib})
 
 # The package list is known once the tools are configured.
@@ -207,6 +219,9 @@ macro(_hmisvc_cpack)
   set(CPACK_COMPONENTS_ALL runtime dev)
   if(HMISVC_BUILD_TOOLS)
     list(APPEND CPACK_COMPONENTS_ALL tools)
+  endif()
+  if(TARGET hmisvcqml)
+    list(APPEND CPACK_COMPONENTS_ALL qml)
   endif()
   include(CPack)
 endmacro()
