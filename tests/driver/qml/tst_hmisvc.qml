@@ -22,6 +22,7 @@ TestCase {
         onReceived: (action, ints, strings) => test.lastBroadcast = { action: action, ints: ints, strings: strings }
     }
     Component { id: slowBacklight; Backlight { timeLimit: 10000 } }
+    Component { id: pollingBacklight; Backlight { refreshInterval: 100 } }
 
     function initTestCase() {
         tryCompare(backlight, "status", "up", 20000)
@@ -83,6 +84,16 @@ TestCase {
         tryCompare(polled, "status", "down", 20000)
         verify(sim.run(["heal", "backlight"]) !== null)
         tryCompare(polled, "status", "up", 20000) // on its own: refreshInterval
+    }
+
+    function test_e_serviceNotThereYetComesUpOnItsOwn() {
+        verify(sim.run(["unpublish", "backlight"]) !== null)
+        const late = createTemporaryObject(pollingBacklight, test)
+        tryCompare(late, "status", "down", 20000)
+        verify(late.lastError !== "")
+        verify(sim.run(["publish", "backlight"]) !== null)
+        tryCompare(late, "status", "up", 20000)
+        tryCompare(late, "brightness", sim.value("backlight.brightness"), 20000)
     }
 
     function test_f_broadcastReachesTheHandler() {
