@@ -46,7 +46,8 @@ void Backlight::fetch()
 void Backlight::setBrightness(int level)
 {
     if (level < 0 || (maximum_ >= 0 && level > maximum_)) {
-        setLastError(QStringLiteral("brightness %1 out of range 0..%2").arg(level).arg(maximum_));
+        setLastError(maximum_ >= 0 ? QStringLiteral("brightness %1 out of range 0..%2").arg(level).arg(maximum_)
+                                   : QStringLiteral("brightness %1 out of range: below 0").arg(level));
         return;
     }
     ask(
