@@ -42,7 +42,14 @@ public:
         return at;
     }
     Q_INVOKABLE bool stop() { return peer::stop_process(devsim->pid()); }
-    Q_INVOKABLE bool resume() { return kill(devsim->pid(), SIGCONT) == 0; }
+    // SIGKILL, and a new simulator.
+    Q_INVOKABLE void kill() { devsim.reset(); }
+    Q_INVOKABLE bool start()
+    {
+        devsim = peer::start_program({HMISVC_DEVSIM});
+        return devsim->ready();
+    }
+    Q_INVOKABLE bool resume() { return ::kill(devsim->pid(), SIGCONT) == 0; }
 
     // The longest gap between ticks of a 1 ms timer on the GUI thread.
     Q_INVOKABLE void watchStalls()

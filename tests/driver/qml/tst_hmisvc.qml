@@ -86,6 +86,15 @@ TestCase {
         tryCompare(polled, "status", "up", 20000) // on its own: refreshInterval
     }
 
+    function test_e_restartedServiceIsFollowed() {
+        tryCompare(polled, "status", "up", 20000)
+        sim.kill()
+        tryCompare(polled, "status", "down", 20000)
+        verify(sim.start())
+        tryCompare(polled, "status", "up", 30000)
+        tryCompare(polled, "brightness", sim.value("backlight.brightness"), 20000)
+    }
+
     function test_e_serviceNotThereYetComesUpOnItsOwn() {
         verify(sim.run(["unpublish", "backlight"]) !== null)
         const late = createTemporaryObject(pollingBacklight, test)
