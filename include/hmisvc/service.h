@@ -381,7 +381,9 @@ public:
     /// waits for the answer. @p done never runs after the handle is
     /// destroyed: the destructor waits for a @p done under way (unless
     /// called from it) and drops the rest. Keep it short: it holds up the
-    /// other calls' ends.
+    /// other calls' ends. From @p done, call the handle asynchronously: a
+    /// limited call() there waits for a worker, and with one worker that is
+    /// the one running @p done (it times out).
     ///
     /// @code
     /// backlight.callAsync([](hmisvc::Result<bool> accepted) { ... },
