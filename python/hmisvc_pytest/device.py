@@ -4,6 +4,8 @@ import os
 import re
 import subprocess
 import tempfile
+import urllib.error
+import urllib.request
 
 import pytest
 
@@ -19,6 +21,10 @@ class HmisvcError(RuntimeError):
     """`hmisvc` could not do what was asked (no simulator, a failed publication)."""
 
 
+class _NoRoute(HmisvcError):
+    """The simulator's panel has no such request (an older simulator)."""
+
+
 def _json(value):
     return json.dumps(value, ensure_ascii=False)
 
@@ -26,8 +32,11 @@ def _json(value):
 class Device:
     """The running simulator: set its state, script its answers, read its call log."""
 
-    def __init__(self, hmisvc="hmisvc"):
+    def __init__(self, hmisvc="hmisvc", panel=None):
         self.hmisvc = hmisvc
+        # The simulator's panel ({"url", "port", "token"}, as --http-info
+        # writes it): its routes answer without a program started per request.
+        self.panel = panel
         self._files = tempfile.TemporaryDirectory(prefix="hmisvc-pytest.")
         self._start = None  # the state at session start, for reset without `sim reset`
 
@@ -45,6 +54,22 @@ class Device:
             pytest.fail(f"hmisvc sim {args[0]}: {message}", pytrace=False)
         raise HmisvcError(f"hmisvc sim {' '.join(map(str, args))}: {message}")
 
+    def _steer(self, verb, body, *cli_args, allow=(0,)):
+        """A steering request: to the panel where there is one, else by `hmisvc sim`."""
+        if not self.panel:
+            return self._sim(verb, *cli_args, allow=allow)
+        request = urllib.request.Request(self.panel["url"] + "api/" + verb, _json(body).encode(),
+                                         {"X-Hmisvc-Token": self.panel["token"],
+                                          "Content-Type": "application/json"})
+        try:
+            with urllib.request.urlopen(request, timeout=60) as answer:
+                return json.load(answer)
+        except urllib.error.HTTPError as e:
+            message = json.load(e).get("error", e.reason)
+            if e.code == 400:
+                pytest.fail(f"hmisvc sim {verb}: {message}", pytrace=False)
+            raise (_NoRoute if e.code == 404 else HmisvcError)(f"hmisvc sim {verb}: {message}") from None
+
     def _file(self, document_or_path, name):
         """A path as it is; a document (a dict, a list or a JSON text) written to a file."""
         if isinstance(document_or_path, os.PathLike) or (
@@ -59,32 +84,38 @@ class Device:
     # State and faults.
     def set(self, key, value):
         """One value of the state, by its dotted path in the dump ("backlight.brightness")."""
-        self._sim("set", key, _json(value))
+        self._steer("set", {"key": key, "value": value}, key, _json(value))
 
     def load(self, document_or_path):
         """A whole or partial state document (a dict, a JSON text or a file's path)."""
-        self._sim("load", self._file(document_or_path, "state.json"))
+        path = self._file(document_or_path, "state.json")
+        if not self.panel:
+            self._sim("load", path)
+            return
+        with open(path, encoding="utf-8", errors="surrogateescape") as f:
+            self._steer("load", {"state": f.read()})
 
     def fail(self, service, calls=None, status=None, delay_ms=None):
         """The service's next calls fail (all until healed unless `calls`); with `status`
         they get that status reply, with `delay_ms` a normal answer that late."""
-        options = []
-        for option, value in (("--calls", calls), ("--status", status), ("--delay-ms", delay_ms)):
-            if value is not None:
-                options += [option, value]
-        self._sim("fail", service, *options)
+        self._steer("fail", {"service": service, "status": status or 0,
+                             "calls": -1 if calls is None else calls, "delay_ms": delay_ms or 0},
+                    service, *self._filters(calls=calls, status=status, delay_ms=delay_ms))
 
     def heal(self, service):
-        self._sim("heal", service)
+        self._steer("heal", {"service": service}, service)
 
     def publish(self, service):
-        self._sim("publish", service)
+        self._steer("publish", {"service": service}, service)
 
     def unpublish(self, service):
-        self._sim("unpublish", service)
+        self._steer("unpublish", {"service": service}, service)
 
     def state(self):
         """The whole state, as `hmisvc sim dump` prints it."""
+        if self.panel:
+            with urllib.request.urlopen(self.panel["url"] + "api/state", timeout=60) as answer:
+                return json.load(answer)["state"]
         return json.loads(self._sim("dump").stdout)
 
     # The test double's verbs.
@@ -94,7 +125,8 @@ class Device:
         for option, extras in (("--int", ints), ("--string", strings)):
             for key, value in (extras or {}).items():
                 options += [option, f"{key}={value}"]
-        self._sim("broadcast", action, *options)
+        self._steer("broadcast", {"action": action, "ints": ints or {}, "strings": strings or {}},
+                    action, *options)
 
     def reply(self, method, *answers):
         """Queues the method's next answers: values of its return type, or the
@@ -107,16 +139,19 @@ class Device:
 
     def reset(self):
         """The device as it started: values, faults, queued answers, publications, call log."""
-        r = self._sim("reset", allow=(0, REFUSED))
-        if r.returncode == 0:
-            return
+        try:
+            r = self._steer("reset", {}, allow=(0, REFUSED))
+            if not isinstance(r, subprocess.CompletedProcess) or r.returncode == 0:
+                return
+        except _NoRoute:
+            pass
         # A simulator without `sim reset`: the services that fail or are
         # unpublished (the dump lists them) healed and published, then its
         # start state back (which may fail or unpublish some itself).
-        if self._start is None or "reset" not in r.stderr:
+        if self._start is None:
             self._sim("reset")
         for name, how in self.state().get("services", {}).items():
-            self._sim("heal" if how == "failed" else "publish", name)
+            (self.heal if how == "failed" else self.publish)(name)
         self.load(self._start)
 
     def play(self, scenario_or_path):
@@ -152,7 +187,7 @@ class Device:
         options = []
         for name, value in given.items():
             if value is not None:
-                options += ["--" + name, value]
+                options += ["--" + name.replace("_", "-"), value]
         return options
 
 
