@@ -146,6 +146,8 @@ loads at run time.")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libhmisvc-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${_hmisvc_lib} (= ${_hmisvc_deb_version})")
+# libhmisvc-testing (hmisvc/testing.h) builds on GoogleTest.
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "libgtest-dev, hmisvc-tools")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "HMI access to system services over binder - development files
 The headers of libhmisvc (the service proxies, records, broadcasts, the media
 player and the binder layer's C interface), a CMake package
@@ -177,13 +179,29 @@ remote access, settings, broadcasts). Every call runs off the GUI thread with
 a time limit; each object shows whether its service is up and why a call
 failed.")
 
+# The pytest plugin: pure Python, one package for every architecture.
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-hmisvc)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_DEBUGINFO_PACKAGE OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3:any, python3-pytest, hmisvc-tools (>= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "pytest fixtures for testing HMI applications against the simulated device
+A pytest plugin, loaded by pytest by itself once installed: the fixture
+hmisvc_device starts the service manager and the simulator once per session
+and hands each test a freshly reset device to set, fail, script and watch
+(call log, waits for calls, broadcasts); hmisvc_app starts the application
+under test, waits for its output and stops it at the end of the test. A
+failing test's report shows what the application printed and the calls
+that came.")
+
 # Documentation every package carries: copyright and the compressed changelog.
 set(_hmisvc_changelog ${PROJECT_BINARY_DIR}/changelog.Debian.gz)
 add_custom_command(OUTPUT ${_hmisvc_changelog}
   COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/packaging/changelog > ${_hmisvc_changelog}
   DEPENDS ${PROJECT_SOURCE_DIR}/packaging/changelog)
 add_custom_target(hmisvc-changelog ALL DEPENDS ${_hmisvc_changelog})
-foreach(component runtime dev tools qml)
+foreach(component runtime dev tools qml python)
   string(TOUPPER ${component} _c)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${_hmisvc_changelog}
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${_c}_PACKAGE_NAME} COMPONENT ${component})
@@ -218,7 +236,7 @@ macro(_hmisvc_cpack)
     endif()]] COMPONENT tools)
   set(CPACK_COMPONENTS_ALL runtime dev)
   if(HMISVC_BUILD_TOOLS)
-    list(APPEND CPACK_COMPONENTS_ALL tools)
+    list(APPEND CPACK_COMPONENTS_ALL tools python)
   endif()
   if(TARGET hmisvcqml)
     list(APPEND CPACK_COMPONENTS_ALL qml)

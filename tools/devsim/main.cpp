@@ -13,13 +13,17 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <unistd.h>
 
 namespace {
 
@@ -40,6 +44,34 @@ int fail(const std::string &what)
     return 1;
 }
 
+#ifdef HMISVC_PANEL
+// The panel's address for programs: written beside FILE, synced (a host
+// reading a guest's shared filesystem sees only what reached it) and
+// renamed onto it, so that a reader sees the whole document or none.
+std::string write_http_info(const std::string &file, const std::string &url, int port, const std::string &token)
+{
+    if (file.empty())
+        return {};
+    std::string text = Json{{"url", url}, {"port", port}, {"token", token}}.dump() + "\n";
+    std::string partial = file + ".partial";
+    std::FILE *out = std::fopen(partial.c_str(), "w");
+    bool written = out && std::fputs(text.c_str(), out) >= 0 && std::fflush(out) == 0 && fsync(fileno(out)) == 0;
+    int why_not = errno;
+    if (out && std::fclose(out) != 0 && written)
+        written = false, why_not = errno;
+    if (!written) {
+        std::remove(partial.c_str());
+        return "--http-info: cannot write " + partial + ": " + std::strerror(why_not);
+    }
+    if (std::rename(partial.c_str(), file.c_str()) != 0) {
+        std::string why = std::strerror(errno);
+        std::remove(partial.c_str());
+        return "--http-info: cannot write " + file + ": " + why;
+    }
+    return {};
+}
+#endif
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -47,7 +79,7 @@ int main(int argc, char **argv)
     CLI::App app{"Simulates the device's system services over the binder driver."};
     std::string settings_file, record_file, trace_file, state_file;
     std::vector<std::string> only;
-    std::string http;
+    std::string http, http_info;
     bool verbose = false;
     app.add_option("--settings", settings_file, "INI file the settings are loaded from and saved to");
     app.add_option("--state", state_file, "Start from this state (JSON, as `hmisvc sim dump` prints it)");
@@ -60,7 +92,14 @@ int main(int argc, char **argv)
     app.add_flag("-v,--verbose", verbose, "Same as --trace -");
     app.add_option("--http", http,
                    "Serve the browser panel on [ADDR:]PORT (address 127.0.0.1 unless given; port 0 picks one)");
+    app.add_option("--http-info", http_info,
+                   "Once the panel serves, write its address to FILE as JSON: "
+                   "{\"url\": ..., \"port\": ..., \"token\": ...} (needs --http)");
     CLI11_PARSE(app, argc, argv);
+    if (!http_info.empty() && http.empty()) {
+        std::fprintf(stderr, "hmisvc-devsim: --http-info needs --http (there is no panel to describe)\n");
+        return 2;
+    }
 #ifdef HMISVC_PANEL
     hmisvc::devsim::HttpAddress http_address;
     if (std::string why; !http.empty() && !hmisvc::devsim::HttpAddress::parse(http, http_address, why)) {
@@ -139,8 +178,10 @@ int main(int argc, char **argv)
         std::string shown = http_address.host == "0.0.0.0" || http_address.host == "::" ? "127.0.0.1"
                             : http_address.host.find(':') != std::string::npos ? "[" + http_address.host + "]"
                                                                                : http_address.host;
-        std::printf("hmisvc-devsim: panel at http://%s:%d/#token=%s\n", shown.c_str(), panel->port(),
-                    panel->token().c_str());
+        std::string url = "http://" + shown + ":" + std::to_string(panel->port()) + "/";
+        std::printf("hmisvc-devsim: panel at %s#token=%s\n", url.c_str(), panel->token().c_str());
+        if (std::string err = write_http_info(http_info, url, panel->port(), panel->token()); !err.empty())
+            return fail(err);
     }
 #endif
 

@@ -1,0 +1,97 @@
+// GoogleTest fixtures for testing an HMI application against the simulated
+// device (hmisvc-devsim): a Device to steer it and read its call log, and
+// DeviceTest, whose program starts the service manager and the simulator
+// once (or uses the simulator already serving) and resets the device before
+// each test.
+//
+// The verbs are the `hmisvc sim` commands. One the simulator refuses (an
+// unknown service, method or key; the message names the nearest known
+// names) fails the test at once: a failure is added with the simulator's
+// words and Refused is thrown, which ends the test.
+#ifndef HMISVC_TESTING_H
+#define HMISVC_TESTING_H
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace hmisvc::testing {
+
+// The simulator refused a request, or could not be reached.
+class Refused : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Filters of calls() and waitForCall(); empty ones, and since 0, filter nothing.
+struct CallFilter {
+    std::string service, method, program;
+    uint64_t since = 0;
+};
+
+class Device {
+public:
+    // `hmisvc` as found: $HMISVC_CLI, else on PATH.
+    Device();
+    explicit Device(std::string hmisvc);
+
+    // KEY is a dotted path into state(); VALUE is JSON ("40", "\"text\"").
+    void set(const std::string &key, const std::string &json);
+    // A whole or partial state document: JSON text, or the path of a file.
+    void load(const std::string &document_or_path);
+    // status 0 fails the transaction, another is the status reply; calls -1: until healed.
+    void fail(const std::string &service, int calls = -1, int status = 0, int delay_ms = 0);
+    void heal(const std::string &service);
+    void publish(const std::string &service);
+    void unpublish(const std::string &service);
+    void broadcast(const std::string &action, const std::map<std::string, int> &ints = {},
+                   const std::map<std::string, std::string> &strings = {});
+    // Answers as `hmisvc sim reply` takes them: JSON values, "fail", "status:N",
+    // "delay:MS"; none empties the method's queue.
+    void reply(const std::string &method, const std::vector<std::string> &answers);
+    void reset();
+    // A scenario (JSON text or a file's path); true when every expectation was
+    // met, else false with a failure that lists the unmet ones.
+    bool play(const std::string &scenario_or_path);
+    // The dump, as JSON text.
+    std::string state();
+    // The call log (a JSON array of call objects).
+    std::string calls(const CallFilter &filter = {});
+    uint64_t mark();
+    // The matching calls (a JSON array) once COUNT came; at the timeout a test
+    // failure listing the calls that did come, and an empty string.
+    std::string waitForCall(const std::string &method, const std::string &args_json = "", int count = 1,
+                            const CallFilter &filter = {}, double timeout_seconds = 5.0);
+
+private:
+    struct Result {
+        int status;
+        std::string out, err;
+    };
+    // `hmisvc sim ARGS...`; statuses in `allowed` are returned, 2 fails the
+    // test (Refused), any other throws Refused.
+    Result sim(std::vector<std::string> args, std::vector<int> allowed = {0});
+    std::string file(const std::string &document_or_path, const char *name);
+
+    std::string hmisvc_;
+};
+
+// A test of the application against the device: the device is reset before
+// each test; the service manager and the simulator are started once for the
+// program where no simulator serves yet (and stopped at its end).
+class DeviceTest : public ::testing::Test {
+public:
+    static void SetUpTestSuite();
+
+protected:
+    void SetUp() override;
+    Device device;
+};
+
+}  // namespace hmisvc::testing
+
+#endif

@@ -1,0 +1,122 @@
+"""The pytest plugin on the real driver: its device verbs reach applications,
+wrong names fail at once with the simulator's nearest names, each test gets a
+clean device, and the application fixture reads, feeds and stops what it
+started, showing its output and the calls in a failing test's report."""
+import os
+import textwrap
+
+import pytest
+
+pytest_plugins = ["pytester"]
+HMISVC = os.environ.get("HMISVC_CLI", "hmisvc")
+
+
+def alive(pid):
+    try:
+        os.kill(pid, 0)
+    except ProcessLookupError:
+        return False
+    # A zombie is ended: only its parent has not collected it yet.
+    with open(f"/proc/{pid}/stat") as f:
+        return f.read().rsplit(")", 1)[1].split()[0] != "Z"
+
+
+def inner(pytester, source):
+    """Runs SOURCE as a test module in a pytest of its own, with the plugin."""
+    pytester.makepyfile(test_inner=textwrap.dedent(source))
+    return pytester.runpytest_subprocess("-p", "hmisvc_pytest")
+
+
+def test_steering_reaches_applications(hmisvc_device, hmisvc_app):
+    hmisvc_device.set("backlight.brightness", 42)
+    assert hmisvc_device.state()["backlight"]["brightness"] == 42
+    hmisvc_app([HMISVC, "backlight", "get"]).expect(r"\b42\b")
+    hmisvc_device.load({"backlight": {"brightness": 7}})
+    hmisvc_app([HMISVC, "backlight", "get"]).expect(r"\b7\b")
+
+    hmisvc_device.fail("backlight", calls=1)
+    assert hmisvc_app([HMISVC, "backlight", "get"]).wait() != 0
+    assert hmisvc_app([HMISVC, "backlight", "get"]).wait() == 0
+    hmisvc_device.fail("backlight")
+    assert hmisvc_app([HMISVC, "backlight", "get"]).wait() != 0
+    hmisvc_device.heal("backlight")
+    assert hmisvc_app([HMISVC, "backlight", "get"]).wait() == 0
+
+    hmisvc_device.unpublish("backlight")
+    assert hmisvc_app([HMISVC, "check", "backlight"]).wait() == 1
+    hmisvc_device.publish("backlight")
+    assert hmisvc_app([HMISVC, "check", "backlight"]).wait() == 0
+
+
+@pytest.mark.parametrize("verb, args, nearest", [
+    ("set", ("backlight.brightnes", 3), "brightnes"),
+    ("fail", ("backlite",), "backlight"),
+    ("heal", ("wifiinf",), "wifiinfo"),
+    ("unpublish", ("backlght",), "backlight"),
+])
+def test_wrong_names_fail_at_once_naming_the_nearest(hmisvc_device, verb, args, nearest):
+    before = hmisvc_device.state()
+    with pytest.raises(pytest.fail.Exception, match=nearest):
+        getattr(hmisvc_device, verb)(*args)
+    assert hmisvc_device.state() == before
+
+
+def test_each_test_gets_the_device_as_it_started(pytester):
+    result = inner(pytester, f"""
+        import subprocess
+        def test_changes_everything(hmisvc_device):
+            hmisvc_device.set("backlight.brightness", 99)
+            hmisvc_device.fail("backlight")
+            hmisvc_device.unpublish("wifiinfo")
+        def test_sees_none_of_it(hmisvc_device):
+            assert hmisvc_device.state()["backlight"]["brightness"] != 99
+            assert subprocess.run([{HMISVC!r}, "backlight", "get"]).returncode == 0
+            assert subprocess.run([{HMISVC!r}, "check", "wifiinfo"]).returncode == 0
+    """)
+    result.assert_outcomes(passed=2)
+
+
+def test_application_output_input_and_end(hmisvc_app):
+    app = hmisvc_app("echo to-out; echo to-err >&2; read line; echo got:$line; exit 3")
+    app.expect("to-err")
+    app.send("ping\n")
+    assert app.expect(r"got:(\w+)").group(1) == "ping"
+    assert app.wait() == 3
+    lines = [line.split(None, 1)[1] for line in app.output().splitlines()]
+    assert sorted(lines) == ["err | to-err", "out | got:ping", "out | to-out"]
+    # Once matched, output is not matched again; an ended application fails
+    # the wait at once, with everything it printed.
+    with pytest.raises(AssertionError, match=r"ended with status 3[\s\S]*to-out"):
+        app.expect("to-err", timeout=600)
+
+
+def test_failing_test_shows_output_and_calls_and_stops_its_processes(pytester, tmp_path):
+    pids = tmp_path / "pids"
+    result = inner(pytester, f"""
+        def test_fails(hmisvc_device, hmisvc_app):
+            app = hmisvc_app("sleep 600 & echo $$ $! > {str(pids)!r}; echo started; wait")
+            app.expect("started")
+            hmisvc_app([{HMISVC!r}, "backlight", "set", "23"]).wait()
+            app.expect("never printed", timeout=0.1)
+    """)
+    result.assert_outcomes(failed=1)
+    report = result.stdout.str()
+    assert "did not print /never printed/" in report
+    assert "hmisvc: output of" in report and "out | started" in report
+    assert "hmisvc: calls that came" in report
+    for pid in map(int, pids.read_text().split()):
+        assert not alive(pid), f"process {pid} outlived its test"
+
+
+def test_interrupted_session_leaves_no_process(pytester, tmp_path):
+    pids = tmp_path / "pids"
+    result = inner(pytester, f"""
+        import os, signal
+        def test_interrupted(hmisvc_app):
+            app = hmisvc_app("sleep 600 & echo $$ $! > {str(pids)!r}; echo started; wait")
+            app.expect("started")
+            os.kill(os.getpid(), signal.SIGINT)
+    """)
+    assert result.ret == pytest.ExitCode.INTERRUPTED
+    for pid in map(int, pids.read_text().split()):
+        assert not alive(pid), f"process {pid} outlived the interrupted session"
