@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <sstream>
 
 namespace hmisvc::devsim {
 
@@ -105,6 +106,13 @@ Step step_of(const Json &j, const Scenario::Checks &checks)
     if (std::string why = checks.action(step.action, step.arg); !why.empty())
         throw Refusal{step.action + ": " + why};
     return step;
+}
+
+std::string seconds_text(double s)
+{
+    std::ostringstream out;
+    out << s;
+    return out.str();
 }
 
 std::string shown_call(const Step &s)
@@ -240,7 +248,7 @@ std::string Scenario::run(const std::vector<Step> &steps, double end, CallLog &l
             same.method = s.call.method;
             std::vector<std::string> came = log.find(same);
             report += head + "expected " + std::to_string(s.count) + " call(s) of " + shown_call(s) + " before " +
-                      tools::dump_json(Json(s.at)) + " s; calls of " + s.call.method + " that came: " +
+                      seconds_text(s.at) + " s; calls of " + s.call.method + " that came: " +
                       std::to_string(came.size()) + "\n";
             for (const std::string &c : came)
                 report += "  " + c + "\n";
