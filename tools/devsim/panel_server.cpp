@@ -657,7 +657,7 @@ struct PanelServer::Impl {
             std::vector<S> answers;
             for (const Json &a : b.value("answers", Json::array()))
                 answers.push_back(a.is_string() ? bytes(a) : tools::dump_json(a));
-            if (b.value("clear", false) == answers.empty())
+            if (b.value("clear", false) != answers.empty())
                 return ControlResult{ControlResult::kRefused, "give \"answers\" or \"clear\": true"};
             return control.reply(bytes(b.at("method")), answers);
         };
