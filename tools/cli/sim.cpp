@@ -5,9 +5,12 @@
 
 #include <hmisvc/binder.h>
 
+#include <nlohmann/json.hpp>
+
 #include <cerrno>
 #include <climits>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -20,7 +23,10 @@ namespace {
 
 // The simulator's control service and its codes (its method table's order).
 constexpr const char *kControl = "devsim.control";
-enum Code : uint32_t { kDump, kSet, kFail, kHeal, kPublish, kUnpublish, kLoadState };
+enum Code : uint32_t {
+    kDump, kSet, kFail, kHeal, kPublish, kUnpublish, kLoadState,
+    kCalls, kMark, kWaitCall, kClearCalls, kReply, kReset, kPlay, kBroadcast
+};
 
 // Room for the largest answer, a dump of the state.
 constexpr uint32_t kMapSize = 1024 * 1024;
@@ -41,17 +47,17 @@ struct Arg {
     int32_t n;
 };
 
-// Calls the control service; prints its answer (to stdout when it did what
-// was asked, else to stderr) and returns the exit status it gives.
-int control(uint32_t code, const std::vector<Arg> &args)
+// Calls the control service: its result (0 done, 1 failed, 2 refused) with
+// its answer text, or -1 after saying why there is none.
+int ask(uint32_t code, const std::vector<Arg> &args, std::string &answer)
 {
     Connection c;
     if (!c.bs)
-        return 1;
+        return -1;
     uint32_t handle = svcmgr_lookup(c.bs, SVCMGR_HANDLE, kControl);
     if (!handle) {
         std::cerr << "hmisvc: no simulator is running (\"" << kControl << "\" is not registered)" << std::endl;
-        return 1;
+        return -1;
     }
     std::size_t size = 64;
     for (const Arg &a : args)
@@ -64,28 +70,43 @@ int control(uint32_t code, const std::vector<Arg> &args)
         a.text ? bio_put_string(&msg, a.s.c_str()) : bio_put_uint32(&msg, static_cast<uint32_t>(a.n));
     if (binder_call(c.bs, &msg, &reply, handle, code) != 0) {
         std::cerr << "hmisvc: the simulator did not answer" << std::endl;
-        return 1;
+        return -1;
     }
     bool status_only = reply.data_left == sizeof(uint32_t);
     int32_t result = static_cast<int32_t>(bio_get_uint32(&reply));
     uint32_t len = 0;
     const char *text = status_only ? nullptr : bio_get_string(&reply, &len);
-    std::string answer = text ? std::string(text, len) : std::string();
+    answer = text ? std::string(text, len) : std::string();
     binder_done(c.bs, &msg, &reply);
     if (!text) {
         if (result == -EMSGSIZE)
             std::cerr << "hmisvc: the answer is larger than the simulator's reply area" << std::endl;
+        else if (result == -ENOSYS)
+            std::cerr << "hmisvc: the simulator running does not know this command (an older hmisvc-devsim?)"
+                      << std::endl;
         else
             std::cerr << "hmisvc: the simulator refused the request (status " << result << ")" << std::endl;
-        return 1;
+        return -1;
     }
+    return result == 0 ? 0 : result == 2 ? 2 : 1;
+}
+
+// Calls the control service; prints its answer (to stdout when it did what
+// was asked and `shown`, else to stderr) and returns the exit status it
+// gives.
+int control(uint32_t code, const std::vector<Arg> &args, bool shown = false)
+{
+    std::string answer;
+    int result = ask(code, args, answer);
+    if (result < 0)
+        return 1;
     if (result == 0) {
-        if (code == kDump)
+        if (shown || code == kDump)
             std::cout << answer << std::endl;
         return 0;
     }
     std::cerr << "hmisvc: " << answer << std::endl;
-    return result == 2 ? 2 : 1;
+    return result;
 }
 
 // JSON beyond what the simulator takes is refused here, before it is sent
@@ -155,6 +176,200 @@ void addControl(CLI::App &sim, int &status)
     });
 }
 
+using Json = nlohmann::ordered_json;
+
+// One call of the log a line: seq, time, program[pid], service.Method(args)
+// and its answer.
+void printCalls(const Json &calls, bool json)
+{
+    if (json) {
+        std::cout << hmisvc::tools::dump_json(calls) << std::endl;
+        return;
+    }
+    for (const Json &c : calls) {
+        std::string args = c.contains("args") ? hmisvc::tools::dump_json(c["args"]) : "[]";
+        std::cout << c.value("seq", 0) << ' ' << std::fixed << std::setprecision(3) << c.value("time", 0.0) << ' '
+                  << c.value("program", "?") << '[' << c.value("pid", 0) << "] " << c.value("service", "?") << '.'
+                  << (c["method"].is_string() ? c["method"].get<std::string>() : "?") << '('
+                  << args.substr(1, args.size() - 2) << ')';
+        if (c.contains("reply"))
+            std::cout << " -> " << hmisvc::tools::dump_json(c["reply"]);
+        else
+            std::cout << " -> " << hmisvc::tools::dump_json(c.value("status", Json())) << " ("
+                      << c.value("error", "") << ')';
+        std::cout << (c.value("scripted", false) ? " [scripted]" : "") << '\n';
+    }
+    std::cout << std::flush;
+}
+
+// A JSON text of an option, or the exit status 2 after saying why not.
+bool parsed(const std::string &what, const std::string &text, Json &out)
+{
+    if (std::string why = hmisvc::tools::parse_json(text, out); !why.empty()) {
+        std::cerr << "hmisvc: " << what << ": " << why << std::endl;
+        return false;
+    }
+    return true;
+}
+
+// The call log, waits, scripted answers, reset, scenarios and broadcasts.
+void addDouble(CLI::App &sim, Session &session)
+{
+    int &status = session.status;
+    bool &json = session.json;
+    struct Filter {
+        std::string service, method, program, args;
+        uint64_t since = 0;
+        std::size_t count = 1;
+        double timeout = 5;
+        Json json() const
+        {
+            Json f = Json::object();
+            if (!service.empty())
+                f["service"] = service;
+            if (!method.empty())
+                f["method"] = method;
+            if (!program.empty())
+                f["program"] = program;
+            if (since)
+                f["since"] = since;
+            return f;
+        }
+    };
+    auto f = std::make_shared<Filter>();
+    auto since = [f](CLI::App *cmd) {
+        cmd->add_option("--since", f->since, "Only calls after this mark (see `sim mark`)");
+        cmd->add_option("--program", f->program, "Only calls from this program (its name, as ps shows it)");
+    };
+
+    CLI::App *cmd = sim.add_subcommand("calls", "Print the calls the simulator served (its call log), oldest first");
+    cmd->add_option("--service", f->service, "Only calls to this service");
+    cmd->add_option("--method", f->method, "Only calls of this method");
+    since(cmd);
+    cmd->callback([f, &status, &json] {
+        Json all = Json::array(), filter = f->json();
+        for (;;) {
+            std::string answer;
+            Json page;
+            if ((status = ask(kCalls, {{true, hmisvc::tools::dump_json(filter), 0}}, answer)) != 0) {
+                if (status > 0)
+                    std::cerr << "hmisvc: " << answer << std::endl;
+                status = status < 0 ? 1 : status;
+                return;
+            }
+            if (!parsed("the simulator's answer", answer, page))
+                return void(status = 1);
+            for (Json &c : page["calls"])
+                all.push_back(std::move(c));
+            if (!page.value("more", false) || all.empty())
+                break;
+            filter["since"] = all.back()["seq"];  // the next page
+        }
+        printCalls(all, json);
+    });
+
+    sim.add_subcommand("mark", "Print the sequence number of the last call so far (0 when none), for --since")
+        ->callback([&status] { status = control(kMark, {}, true); });
+    sim.add_subcommand("clear-calls", "Empty the call log")->callback([&status] { status = control(kClearCalls, {}); });
+    sim.add_subcommand("reset", "Put the device back as it started: values, failures, replies, services, call log")
+        ->callback([&status] { status = control(kReset, {}); });
+
+    cmd = sim.add_subcommand("wait-call",
+                             "Wait until METHOD was called (COUNT times, with ARGS) after MARK; print those calls. "
+                             "At the timeout exit 1 printing the calls that came instead");
+    cmd->add_option("METHOD", f->method, "Method name (or SERVICE.METHOD)")->required();
+    cmd->add_option("--args", f->args, "Only calls with exactly these arguments (a JSON array, e.g. [10])");
+    cmd->add_option("--count", f->count, "How many calls (default 1)")->check(CLI::Range(1, 1000000));
+    cmd->add_option("--timeout", f->timeout, "Seconds (default 5)")->check(CLI::Range(0.0, 86400.0));
+    since(cmd);
+    cmd->callback([f, &status, &json] {
+        Json request = f->json();
+        if (!f->args.empty() && !parsed("--args", f->args, request["args"]))
+            return void(status = 2);
+        request["count"] = f->count;
+        request["timeout"] = f->timeout;
+        std::string answer;
+        Json calls;
+        int result = ask(kWaitCall, {{true, hmisvc::tools::dump_json(request), 0}}, answer);
+        bool listed = result >= 0 && !hmisvc::tools::parse_json(answer, calls).size() && calls.is_array();
+        if (result < 0 || !listed) {
+            if (result > 0)
+                std::cerr << "hmisvc: " << answer << std::endl;
+            return void(status = result < 0 ? 1 : result);
+        }
+        if (result == 1)
+            std::cerr << "hmisvc: no " << f->count << " call(s) of " << f->method
+                      << (f->args.empty() ? "" : " with " + f->args) << " within " << f->timeout
+                      << " s; the calls after mark " << f->since << " (" << calls.size() << "):" << std::endl;
+        printCalls(calls, json);
+        status = result;
+    });
+
+    auto answers = std::make_shared<std::vector<std::string>>();
+    auto clear = std::make_shared<bool>(false);
+    cmd = sim.add_subcommand("reply", "Queue the next answers of METHOD: JSON values of its result type "
+                                      "(records as objects with the field names of `sim dump`), fail, "
+                                      "status:N or delay:MS; then its state answers again");
+    cmd->add_option("METHOD", f->method, "Method name (or SERVICE.METHOD)")->required();
+    cmd->add_option("ANSWER", *answers, "One answer per call, in order");
+    cmd->add_flag("--clear", *clear, "Empty the method's queue");
+    cmd->callback([f, answers, clear, &status] {
+        if (*clear == !answers->empty()) {
+            std::cerr << "hmisvc: sim reply: give ANSWERs or --clear" << std::endl;
+            return void(status = 2);
+        }
+        Json list = *answers;
+        status = control(kReply, {{true, f->method, 0}, {true, hmisvc::tools::dump_json(list), 0}});
+    });
+
+    auto file = std::make_shared<std::string>();
+    cmd = sim.add_subcommand("play", "Run a scenario (JSON steps on a timeline) in the running simulator; "
+                                     "exit 0 when all went as expected, 1 listing what did not");
+    cmd->add_option("FILE", *file, "Scenario file")->required()->check(CLI::ExistingFile);
+    cmd->callback([file, &status] {
+        std::ifstream in(*file);
+        std::stringstream text;
+        text << in.rdbuf();
+        if (!in) {
+            std::cerr << "hmisvc: " << *file << ": cannot read" << std::endl;
+            return void(status = 1);
+        }
+        if (tooLarge(*file, text.str()))
+            return void(status = 2);
+        std::string answer;
+        int result = ask(kPlay, {{true, text.str(), 0}}, answer);
+        if (result < 0)
+            return void(status = 1);
+        (result == 0 ? std::cout : std::cerr) << (result == 0 ? "" : "hmisvc: " + *file + ": ") << answer
+                                              << (answer.empty() || answer.back() != '\n' ? "\n" : "") << std::flush;
+        status = result;
+    });
+
+    auto ints = std::make_shared<std::vector<std::string>>();
+    auto strings = std::make_shared<std::vector<std::string>>();
+    cmd = sim.add_subcommand("broadcast", "Send a broadcast from the simulator to every registered endpoint");
+    cmd->add_option("ACTION", *file, "The intent's action")->required();
+    cmd->add_option("--int", *ints, "An integer extra KEY=VALUE (repeatable)");
+    cmd->add_option("--string", *strings, "A string extra KEY=VALUE (repeatable)");
+    cmd->callback([file, ints, strings, &status] {
+        Json extras = {{"ints", Json::object()}, {"strings", Json::object()}};
+        for (const auto &[given, kind] : {std::pair{ints, "ints"}, std::pair{strings, "strings"}})
+            for (const std::string &kv : *given) {
+                std::size_t eq = kv.find('=');
+                std::string key = kv.substr(0, eq), value = eq == std::string::npos ? "" : kv.substr(eq + 1);
+                if (eq == std::string::npos || key.empty() ||
+                    (std::string(kind) == "ints" && !checkNumber(value, INT32_MIN, INT32_MAX).empty())) {
+                    std::cerr << "hmisvc: --" << (std::string(kind) == "ints" ? "int" : "string") << " " << kv
+                              << ": expected KEY=VALUE"
+                              << (std::string(kind) == "ints" ? " with a 32-bit whole number" : "") << std::endl;
+                    return void(status = 2);
+                }
+                extras[kind][key] = std::string(kind) == "ints" ? Json(std::stol(value)) : Json(hmisvc::tools::to_json_text(value));
+            }
+        status = control(kBroadcast, {{true, *file, 0}, {true, hmisvc::tools::dump_json(extras), 0}}, true);
+    });
+}
+
 // The names registered, or the exit status when they cannot be had.
 int listNames(std::vector<std::string> &names)
 {
@@ -181,6 +396,7 @@ void addSimCommands(CLI::App &app, Session &session)
     CLI::App *sim = app.add_subcommand("sim", "Steer the simulated device (hmisvc-devsim)");
     sim->require_subcommand(1);
     addControl(*sim, status);
+    addDouble(*sim, session);
 
     app.add_subcommand("list", "Print the names registered with the service manager")->callback([&status] {
         std::vector<std::string> names;

@@ -1,8 +1,15 @@
 #include "control.h"
 
+#include "names.h"
 #include "state.h"
 
 #include <hmisvc/broadcast.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <climits>
 
 namespace hmisvc::devsim {
 
@@ -21,6 +28,50 @@ bool read_only(const std::string &key)
     return false;
 }
 
+// Scripted answers as `sim reply` takes them: texts, and JSON values as
+// their text.
+std::vector<std::string> answer_texts(const Json &answers)
+{
+    std::vector<std::string> out;
+    for (const Json &a : answers)
+        out.push_back(a.is_string() && (a == "fail" || a.get<std::string>().rfind("status:", 0) == 0 ||
+                                        a.get<std::string>().rfind("delay:", 0) == 0)
+                          ? a.get<std::string>()
+                          : tools::dump_json(a));
+    return out;
+}
+
+// What a reply of the control service takes of text: room for the rest of
+// its reply area.
+constexpr std::size_t kBinderText = kReplyArea - 4096;
+
+template <class F> Result with_json(const std::string &text, F f)
+{
+    Json j;
+    if (std::string why = tools::parse_json(text, j); !why.empty())
+        return refused("the request is " + why);
+    return f(j);
+}
+
+// Call texts as a JSON array, at most max_bytes of them (0: all); the
+// newest are kept when some must go, `left_out` says how many did.
+std::string array_of(const std::vector<std::string> &calls, std::size_t max_bytes, std::size_t &left_out,
+                     bool newest = false)
+{
+    std::size_t bytes = 2, n = 0;
+    for (; n < calls.size(); ++n) {
+        const std::string &c = calls[newest ? calls.size() - 1 - n : n];
+        if (max_bytes && bytes + c.size() + 1 > max_bytes)
+            break;
+        bytes += c.size() + 1;
+    }
+    left_out = calls.size() - n;
+    std::string out = "[";
+    for (std::size_t i = newest ? calls.size() - n : 0, e = i + n; i < e; ++i)
+        out += (out.size() > 1 ? "," : "") + calls[i];
+    return out + "]";
+}
+
 }  // namespace
 
 void put(binder_io &reply, const ControlResult &r)
@@ -34,7 +85,7 @@ Control::Control(Device &device, Simulator &simulator, tools::Publisher &publish
 {
     using S = std::string;
     auto on = [this](const char *name, auto f) {
-        return Method{name, serve(*this, f), detail::signature<decltype(f)>::arg_types(), false, nullptr, {}};
+        return method_of(*this, name, f);
     };
     service_ = {kServiceName,
                 {on("dump", [](Control &c) { return c.dump(); }),
@@ -46,7 +97,25 @@ Control::Control(Device &device, Simulator &simulator, tools::Publisher &publish
                  on("heal", [](Control &c, S name) { return c.heal(name); }),
                  on("publish", [](Control &c, S name) { return c.publish(name); }),
                  on("unpublish", [](Control &c, S name) { return c.unpublish(name); }),
-                 on("load_state", [](Control &c, S json) { return c.load_state(json); })}};
+                 on("load_state", [](Control &c, S json) { return c.load_state(json); }),
+                 on("calls", [](Control &c, S filter) { return with_json(filter, [&](const Json &f) {
+                        return c.calls(f, kBinderText); }); }),
+                 on("mark", [](Control &c) { return c.mark(); }),
+                 on("wait_call", [](Control &c, S request) { return with_json(request, [&](const Json &r) {
+                        return c.wait_call(r, kBinderText); }); }),
+                 on("clear_calls", [](Control &c) { return c.clear_calls(); }),
+                 on("reply",
+                    [](Control &c, S method, S answers) {
+                        return with_json(answers, [&](const Json &a) {
+                            return a.is_array() && std::all_of(a.begin(), a.end(), [](const Json &x) { return x.is_string(); })
+                                       ? c.reply(method, a.get<std::vector<std::string>>())
+                                       : refused("answers: expected an array of texts");
+                        });
+                    }),
+                 on("reset", [](Control &c) { return c.reset(); }),
+                 on("play", [](Control &c, S document) { return c.play(document); }),
+                 on("broadcast", [](Control &c, S action, S extras) {
+                        return with_json(extras, [&](const Json &e) { return c.broadcast_json(action, e); }); })}};
 }
 
 Result Control::dump() const
@@ -63,26 +132,25 @@ Result Control::dump() const
                  f->second.delay_ms == 0)
             services[s.name] = "failed";
     }
+    Json replies = Json::object();
+    for (const auto &[method, answers] : simulator_.queued())
+        replies[method] = answers;
     std::lock_guard<std::mutex> hold(simulator_.lock());
     Json state = StateJson::dump(device_);
     state["services"] = std::move(services);
+    // Answers queued by `sim reply`, as it takes them; not part of a state.
+    if (!replies.empty())
+        state["replies"] = std::move(replies);
     return {Result::kDone, tools::dump_json(state, 2)};
 }
 
-Result Control::set(const std::string &key, const std::string &value)
+Result Control::at_key(Json &state, const std::string &key, Json *&at) const
 {
     // Messages show the key as text, whatever its bytes.
     const std::string shown_key = tools::printable(key);
     if (read_only(key))
         return refused(shown_key + ": read-only (it follows from other values)");
-    Json parsed;
-    if (std::string why = tools::parse_json(value, parsed); why == tools::kNotJson)
-        parsed = tools::to_json_text(value);
-    else if (!why.empty())
-        return refused(shown_key + ": the value is " + why);
-    std::lock_guard<std::mutex> hold(simulator_.lock());
-    Json state = StateJson::dump(device_);
-    Json *at = &state;
+    at = &state;
     std::size_t from = 0;
     for (int depth = 0;; ++depth) {
         std::size_t dot = key.find('.', from);
@@ -94,13 +162,33 @@ Result Control::set(const std::string &key, const std::string &value)
         bool creating = depth >= 1 && key.rfind("settings.", 0) == 0;
         if (creating && at->is_null())
             *at = Json::object();  // a new settings section
-        if (step.empty() || !at->is_object() || (!creating && !at->contains(step)))
-            return refused(shown_key + ": no such key (see `hmisvc sim dump`)");
+        if (step.empty() || !at->is_object() || (!creating && !at->contains(step))) {
+            std::vector<std::string> near;
+            if (at->is_object())
+                for (auto it = at->begin(); it != at->end(); ++it)
+                    near.push_back(key.substr(0, from) + it.key());
+            return refused(shown_key + ": no such key (see `hmisvc sim dump`)" +
+                           (near.empty() ? "" : "; nearest: " + nearest_names(shown_key, near)));
+        }
         at = &(*at)[step];
         if (settings_key || dot == std::string::npos)
-            break;
+            return {};
         from = dot + 1;
     }
+}
+
+Result Control::set(const std::string &key, const std::string &value)
+{
+    Json parsed;
+    if (std::string why = tools::parse_json(value, parsed); why == tools::kNotJson)
+        parsed = tools::to_json_text(value);
+    else if (!why.empty())
+        return refused(tools::printable(key) + ": the value is " + why);
+    std::lock_guard<std::mutex> hold(simulator_.lock());
+    Json state = StateJson::dump(device_);
+    Json *at = nullptr;
+    if (Result r = at_key(state, key, at); r.code != Result::kDone)
+        return r;
     *at = parsed;
     try {
         StateJson::load(device_, state);
@@ -141,10 +229,10 @@ const Service *Control::lookup(const std::string &name, Result &why) const
         return s;
     if (const Service *s = simulator_.find_method(name))
         return s;
-    std::string names;
+    std::vector<std::string> names;
     for (const Service &s : simulator_.services())
-        names += names.empty() ? s.name : std::string(", ") + s.name;
-    why = refused("no service \"" + name + "\" (services: " + names + ")");
+        names.push_back(s.name);
+    why = refused(unknown_name("service", name, names));
     return nullptr;
 }
 
@@ -196,8 +284,423 @@ Result Control::broadcast(const std::string &action, const std::map<std::string,
         intent.putExtra(key, value);
     for (const auto &[key, value] : strings)
         intent.putExtra(key, value);
-    device_.broadcasts.send(intent.toString());
+    std::string bytes = intent.toString();
+    device_.broadcasts.send(bytes);
+    simulator_.note({{"simulator", "broadcast"}, {"args", Json::array({intent_json(bytes)})}});
     return {Result::kDone, std::to_string(device_.broadcasts.endpoints()) + " endpoint(s)"};
+}
+
+Result Control::broadcast_json(const std::string &action, const Json &extras)
+{
+    if (!extras.is_object())
+        return refused("extras: expected an object with \"ints\" and \"strings\"");
+    std::map<std::string, int> ints;
+    std::map<std::string, std::string> strings;
+    for (auto it = extras.begin(); it != extras.end(); ++it)
+        if (it.key() != "ints" && it.key() != "strings")
+            return refused("extras: " + unknown_name("field", it.key(), {"ints", "strings"}));
+    try {
+        from_json_value(extras.value("ints", Json::object()), ints, "ints");
+        from_json_value(extras.value("strings", Json::object()), strings, "strings");
+    } catch (const JsonError &e) {
+        return refused(e.what());
+    }
+    return broadcast(action, ints, strings);
+}
+
+// ---- the device as a test double ----
+
+const Method *Control::method_named(const std::string &name, Result &why) const
+{
+    // "METHOD" or "SERVICE.METHOD".
+    std::size_t dot = name.find('.');
+    std::vector<std::string> known;
+    for (const Service &s : simulator_.services())
+        for (const Method &m : s.methods) {
+            if (!m.run)
+                continue;
+            if (dot == std::string::npos ? name == m.name
+                                         : name.compare(0, dot, s.name) == 0 && dot == std::strlen(s.name) &&
+                                               name.compare(dot + 1, std::string::npos, m.name) == 0)
+                return &m;
+            known.push_back(dot == std::string::npos ? m.name : std::string(s.name) + "." + m.name);
+        }
+    why = refused(unknown_name("method", tools::printable(name), known));
+    return nullptr;
+}
+
+Result Control::filter_of(const Json &j, CallFilter &f, const std::vector<std::string> &extra_keys) const
+{
+    if (!j.is_object())
+        return refused("a filter is a JSON object");
+    std::vector<std::string> keys = {"service", "method", "program", "since", "args"};
+    keys.insert(keys.end(), extra_keys.begin(), extra_keys.end());
+    for (auto it = j.begin(); it != j.end(); ++it) {
+        const std::string &key = it.key();
+        if (std::find(keys.begin(), keys.end(), key) == keys.end())
+            return refused(unknown_name("filter", key, keys));
+        if (key == "since") {
+            if (!it->is_number_unsigned())
+                return refused("since: expected a mark (a whole number), got " + shown(*it));
+            f.since = it->get<uint64_t>();
+        } else if (key == "args") {
+            if (!it->is_array())
+                return refused("args: expected a JSON array, got " + shown(*it));
+            f.args = *it;
+        } else if (std::find(extra_keys.begin(), extra_keys.end(), key) != extra_keys.end()) {
+            continue;
+        } else if (!it->is_string()) {
+            return refused(key + ": expected a text, got " + shown(*it));
+        } else {
+            (key == "service" ? f.service : key == "method" ? f.method : f.program) = it->get<std::string>();
+        }
+    }
+    Result why;
+    if (!f.service.empty() && !simulator_.find(f.service)) {
+        std::vector<std::string> names;
+        for (const Service &s : simulator_.services())
+            names.push_back(s.name);
+        return refused(unknown_name("service", f.service, names));
+    }
+    if (!f.method.empty()) {
+        const Method *m = method_named(f.method, why);
+        if (!m)
+            return why;
+        f.method = m->name;  // the log keeps the name alone
+    }
+    return {};
+}
+
+Result Control::calls(const Json &filter, std::size_t max_bytes)
+{
+    CallFilter f;
+    if (Result r = filter_of(filter, f, {}); r.code != Result::kDone)
+        return r;
+    std::size_t left_out = 0;
+    std::string list = array_of(simulator_.calls().find(f), max_bytes, left_out);
+    if (!max_bytes)
+        return {Result::kDone, list};
+    return {Result::kDone, "{\"calls\":" + list + ",\"more\":" + (left_out ? "true" : "false") + "}"};
+}
+
+Result Control::mark() { return {Result::kDone, std::to_string(simulator_.calls().mark())}; }
+
+Result Control::clear_calls()
+{
+    simulator_.calls().clear();
+    return {};
+}
+
+bool Control::hold_thread()
+{
+    if (++held_ > kMaxHeld) {
+        --held_;
+        return false;
+    }
+    simulator_.holding(true);
+    return true;
+}
+
+void Control::release_thread()
+{
+    simulator_.holding(false);
+    --held_;
+}
+
+Result Control::wait_call(const Json &request, std::size_t max_bytes)
+{
+    CallFilter f;
+    if (Result r = filter_of(request, f, {"count", "timeout"}); r.code != Result::kDone)
+        return r;
+    if (f.method.empty())
+        return refused("method: a wait needs the method it waits for");
+    std::size_t count = 1;
+    if (auto c = request.find("count"); c != request.end()) {
+        if (!c->is_number_unsigned() || c->get<uint64_t>() == 0 || c->get<uint64_t>() > CallLog::kDefaultKeep * 100)
+            return refused("count: expected a whole number, 1 or more, got " + shown(*c));
+        count = c->get<std::size_t>();
+    }
+    double timeout = 5;
+    if (auto t = request.find("timeout"); t != request.end()) {
+        if (!t->is_number() || !(t->get<double>() >= 0) || t->get<double>() > 86400)
+            return refused("timeout: expected seconds (0 to 86400), got " + shown(*t));
+        timeout = t->get<double>();
+    }
+    if (!hold_thread())
+        return {Result::kFailed, "too many waits and scenarios held at once (" + std::to_string(kMaxHeld) + ")"};
+    std::vector<std::string> matched;
+    auto deadline = std::chrono::steady_clock::now() +
+                    std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(timeout));
+    bool met = simulator_.calls().wait(f, count, deadline, matched);
+    release_thread();
+    std::size_t left_out = 0;
+    if (met)
+        return {Result::kDone, array_of(matched, max_bytes, left_out)};
+    // What came instead: every call after the mark, the newest when not
+    // all fit.
+    CallFilter after;
+    after.since = f.since;
+    return {Result::kFailed, array_of(simulator_.calls().find(after), max_bytes, left_out, true)};
+}
+
+Result Control::parse_answers(const Method &m, const std::vector<std::string> &texts, std::vector<Answer> &out) const
+{
+    for (const std::string &t : texts) {
+        Answer a;
+        auto number = [&](const char *prefix, int32_t low) -> bool {
+            std::size_t n = std::strlen(prefix);
+            if (t.compare(0, n, prefix) != 0)
+                return false;
+            Json v;
+            if (!tools::parse_json(t.substr(n), v).empty() || !v.is_number_integer() || v.get<int64_t>() < low ||
+                v.get<int64_t>() > INT32_MAX)
+                throw JsonError(t + ": expected " + prefix + " and a whole number" + (low ? " 0 or more" : ""));
+            a.n = static_cast<int32_t>(v.get<int64_t>());
+            return true;
+        };
+        try {
+            if (t == "fail")
+                a.kind = Answer::kFail;
+            else if (number("status:", INT32_MIN))
+                a.kind = Answer::kStatus;
+            else if (number("delay:", 0))
+                a.kind = Answer::kDelay;
+            else {
+                if (std::string why = tools::parse_json(t, a.value); why == tools::kNotJson)
+                    a.value = tools::to_json_text(t);
+                else if (!why.empty())
+                    throw JsonError(t + ": " + why);
+                std::string why;
+                if (!m.answer_with(a.value, nullptr, why))
+                    throw JsonError(std::string(m.name) + " answers " + m.answers + ": " + shown(a.value) +
+                                    " is not one (" + why + ")");
+            }
+        } catch (const JsonError &e) {
+            return refused(e.what());
+        }
+        out.push_back(std::move(a));
+    }
+    return {};
+}
+
+Result Control::reply(const std::string &name, const std::vector<std::string> &texts)
+{
+    Result why;
+    const Method *m = method_named(name, why);
+    if (!m)
+        return why;
+    std::vector<Answer> answers;
+    if (Result r = parse_answers(*m, texts, answers); r.code != Result::kDone)
+        return r;
+    simulator_.queue(*m, std::move(answers));
+    return {Result::kDone, m->name};
+}
+
+void Control::remember_start(const std::set<std::string> &published)
+{
+    std::lock_guard<std::mutex> hold(simulator_.lock());
+    start_ = StateJson::dump(device_);
+    // The host's figures stay live unless they were set.
+    start_["system"]["storage_free_kib"] = device_.system.storage_free;
+    start_["system"]["ram_free_kib"] = device_.system.ram_free;
+    start_published_ = published;
+    start_faults_.clear();
+    for (const Service &s : simulator_.services())
+        if (auto f = simulator_.faults_locked().find(&s); f != simulator_.faults_locked().end())
+            start_faults_[s.name] = f->second;
+}
+
+Result Control::reset()
+{
+    std::lock_guard<std::mutex> hold(simulator_.lock());
+    try {
+        StateJson::load(device_, start_);
+    } catch (const JsonError &e) {  // the start state was taken as it was
+        return {Result::kFailed, std::string("the start state does not load back: ") + e.what()};
+    }
+    simulator_.clear_locked();
+    for (const auto &[name, fault] : start_faults_)
+        simulator_.faults_locked()[simulator_.find(name)] = fault;
+    std::string failed;
+    for (const Service &s : simulator_.services()) {
+        bool want = start_published_.count(s.name) != 0;
+        if (want != publisher_.published(s.name) &&
+            (want ? publisher_.publish(s.name, const_cast<Service *>(&s))
+                  : publisher_.unpublish(s.name, const_cast<Service *>(&s))) != 0)
+            failed += std::string(failed.empty() ? "" : ", ") + s.name;
+    }
+    simulator_.calls().clear();
+    if (!failed.empty())
+        return {Result::kFailed, "reset, but the service manager refused to change " + failed};
+    return {};
+}
+
+// ---- scenarios ----
+
+Scenario::Checks Control::scenario_checks()
+{
+    Scenario::Checks c;
+    c.call = [this](const CallFilter &f) {
+        Result why;
+        if (!method_named(f.method, why))
+            return why.text;
+        if (!f.service.empty() && !simulator_.find(f.service))
+            return lookup(f.service, why), why.text;
+        return std::string();
+    };
+    c.action = [this](const std::string &action, const Json &arg) -> std::string {
+        Result why;
+        auto service_arg = [&](const Json &name) {
+            if (!name.is_string())
+                return "expected a service name, got " + shown(name);
+            return lookup(name.get<std::string>(), why) ? std::string() : why.text;
+        };
+        if (action == "heal" || action == "publish" || action == "unpublish")
+            return service_arg(arg);
+        if (action == "fail") {
+            if (!arg.is_object())
+                return service_arg(arg);
+            for (auto it = arg.begin(); it != arg.end(); ++it) {
+                if (it.key() == "service")
+                    continue;
+                if (it.key() != "status" && it.key() != "calls" && it.key() != "delay_ms")
+                    return unknown_name("field", it.key(), {"service", "status", "calls", "delay_ms"});
+                if (!it->is_number_integer())
+                    return it.key() + ": expected an integer, got " + shown(*it);
+            }
+            return service_arg(arg.value("service", Json()));
+        }
+        if (action == "set") {
+            if (!arg.is_object() || arg.empty())
+                return "expected an object of keys and values, got " + shown(arg);
+            std::lock_guard<std::mutex> hold(simulator_.lock());
+            Json state = StateJson::dump(device_);
+            for (auto it = arg.begin(); it != arg.end(); ++it) {
+                Json copy = state, *at = nullptr;
+                if (Result r = at_key(copy, it.key(), at); r.code != Result::kDone)
+                    return r.text;
+            }
+            return "";
+        }
+        if (action == "load")
+            return arg.is_object() ? "" : "expected a state document (an object), got " + shown(arg);
+        if (action == "reset")
+            return arg == true ? "" : "expected true, got " + shown(arg);
+        if (action == "broadcast") {
+            if (!arg.is_object() || !arg.contains("action") || !arg["action"].is_string())
+                return "expected {\"action\": ..., \"ints\": {...}, \"strings\": {...}}, got " + shown(arg);
+            Json extras = arg;
+            extras.erase("action");
+            if (!extras.is_object())
+                return "";
+            for (auto it = extras.begin(); it != extras.end(); ++it)
+                if (it.key() != "ints" && it.key() != "strings")
+                    return unknown_name("field", it.key(), {"action", "ints", "strings"});
+            std::map<std::string, int> ints;
+            std::map<std::string, std::string> strings;
+            try {
+                from_json_value(extras.value("ints", Json::object()), ints, "ints");
+                from_json_value(extras.value("strings", Json::object()), strings, "strings");
+            } catch (const JsonError &e) {
+                return e.what();
+            }
+            return "";
+        }
+        if (action == "reply") {
+            if (!arg.is_object() || !arg.contains("method") || !arg["method"].is_string() || !arg.contains("answers") ||
+                !arg["answers"].is_array() || arg.size() != 2)
+                return "expected {\"method\": ..., \"answers\": [...]}, got " + shown(arg);
+            const Method *m = method_named(arg["method"].get<std::string>(), why);
+            if (!m)
+                return why.text;
+            std::vector<Answer> answers;
+            Result r = parse_answers(*m, answer_texts(arg["answers"]), answers);
+            return r.code == Result::kDone ? "" : r.text;
+        }
+        return "unknown action";
+    };
+    return c;
+}
+
+std::string Control::act(const Step &step)
+{
+    const Json &arg = step.arg;
+    auto name = [&](const Json &j) { return j.is_string() ? j.get<std::string>() : j.value("service", ""); };
+    Result r;
+    if (step.action == "set") {
+        for (auto it = arg.begin(); it != arg.end() && r.code == Result::kDone; ++it)
+            r = set(it.key(), tools::dump_json(it.value()));
+    } else if (step.action == "load") {
+        r = load_state(tools::dump_json(arg));
+    } else if (step.action == "fail") {
+        r = fail(name(arg), arg.is_object() ? Fault{arg.value("status", 0), arg.value("calls", -1), arg.value("delay_ms", 0)}
+                                            : Fault{});
+    } else if (step.action == "heal") {
+        r = heal(name(arg));
+    } else if (step.action == "publish") {
+        r = publish(name(arg));
+    } else if (step.action == "unpublish") {
+        r = unpublish(name(arg));
+    } else if (step.action == "broadcast") {
+        Json extras = arg;
+        extras.erase("action");
+        r = broadcast_json(arg["action"].get<std::string>(), extras);
+    } else if (step.action == "reply") {
+        r = reply(arg["method"].get<std::string>(), answer_texts(arg["answers"]));
+    } else if (step.action == "reset") {
+        r = reset();
+    }
+    return r.code == Result::kDone ? "" : r.text;
+}
+
+namespace {
+
+std::vector<Step> scenario_steps(const std::string &document, const Scenario::Checks &checks, double &end,
+                                 std::string &why)
+{
+    Json doc;
+    if (why = tools::parse_json(document, doc); !why.empty()) {
+        why = "the scenario is " + why;
+        return {};
+    }
+    return Scenario::parse(doc, checks, end, why);
+}
+
+}  // namespace
+
+Result Control::check_scenario(const std::string &document)
+{
+    double end = 0;
+    std::string why;
+    if (scenario_steps(document, scenario_checks(), end, why).empty())
+        return refused(why);
+    return {};
+}
+
+Result Control::play(const std::string &document)
+{
+    double end = 0;
+    std::string why;
+    std::vector<Step> steps = scenario_steps(document, scenario_checks(), end, why);
+    if (steps.empty())
+        return refused(why);
+    if (!hold_thread())
+        return {Result::kFailed, "too many waits and scenarios held at once (" + std::to_string(kMaxHeld) + ")"};
+    simulator_.note({{"scenario", "start"}, {"steps", steps.size()}, {"end", end}});
+    std::string report = Scenario::run(
+        steps, end, simulator_.calls(), [this](const Step &s) { return act(s); },
+        [this](const Step &s, double late_ms, const std::string &error) {
+            Json line = {{"scenario", "step"}, {"step", s.number}, {"do", s.action}, {"arg", s.arg},
+                         {"late_ms", std::round(late_ms * 1000) / 1000}};
+            if (!error.empty())
+                line["error"] = error;
+            simulator_.note(std::move(line));
+        });
+    simulator_.note({{"scenario", "end"}, {"met", report.empty()}});
+    release_thread();
+    if (report.empty())
+        return {Result::kDone, std::to_string(steps.size()) + " step(s), all as expected"};
+    return {Result::kFailed, report};
 }
 
 }  // namespace hmisvc::devsim

@@ -13,8 +13,13 @@
 #include "publisher.h"
 #include "services.h"
 
+#include "scenario.h"
+
+#include <atomic>
 #include <map>
+#include <set>
 #include <string>
+#include <vector>
 
 namespace hmisvc::devsim {
 
@@ -55,8 +60,48 @@ public:
     Result broadcast(const std::string &action, const std::map<std::string, int> &ints,
                      const std::map<std::string, std::string> &strings);
 
+    // The same, the extras as {"ints": {K: V...}, "strings": {K: V...}}.
+    Result broadcast_json(const std::string &action, const Json &extras);
+
+    // ---- the device as a test double ----
+
+    // The calls logged that match FILTER, a JSON object with any of
+    // "service", "method", "program", "since" (a mark), "args" (an array):
+    // a JSON array of call objects, oldest first. With max_bytes, at most
+    // that much: then {"calls": [...], "more": true|false}, the rest to ask
+    // for with "since" the last seq.
+    Result calls(const Json &filter, std::size_t max_bytes = 0);
+    // The sequence number of the last call logged (0 when none).
+    Result mark();
+    // REQUEST: a filter as calls() takes it with "method" required, and
+    // "count" (default 1) and "timeout" (seconds, default 5). Done with
+    // the matching calls (a JSON array) as soon as there are enough; at
+    // the timeout failed with the calls that came after the mark instead.
+    // The wait holds the calling thread, woken by the calls themselves.
+    Result wait_call(const Json &request, std::size_t max_bytes = 0);
+    Result clear_calls();
+    // Queues answers for METHOD's next calls: JSON values of its result
+    // type (a text that is not JSON taken as a string), "fail",
+    // "status:N", "delay:MS"; none at all empties its queue. All or none.
+    Result reply(const std::string &method, const std::vector<std::string> &answers);
+    // The device back as it started: values, faults, queued answers,
+    // publications; the call log emptied. No call sees it half done.
+    Result reset();
+    // Runs a scenario document (see scenario.h) to its end; done when all
+    // went as it says, failed with the report of what did not.
+    Result play(const std::string &document);
+    // Only checks a scenario document, as play() does before it runs it.
+    Result check_scenario(const std::string &document);
+    // Remembers the device as it is now as the state reset() goes back to,
+    // with these services published; call before serving.
+    void remember_start(const std::set<std::string> &published);
+
+    // Waits and scenarios held at once; more are refused.
+    static constexpr int kMaxHeld = 16;
+
     // The control service's method table, in code order: dump, set, fail,
-    // heal, publish, unpublish, load_state.
+    // heal, publish, unpublish, load_state, calls, mark, wait_call,
+    // clear_calls, reply, reset, play, broadcast.
     const Service &service() const { return service_; }
 
 private:
@@ -70,8 +115,26 @@ private:
         return s ? f(*s) : why;
     }
 
+    // With the dump's document: where KEY points in it (refused when
+    // nowhere or read-only).
+    Result at_key(Json &state, const std::string &key, Json *&at) const;
+    // A filter from its JSON form; names checked.
+    Result filter_of(const Json &j, CallFilter &f, const std::vector<std::string> &extra_keys) const;
+    // The method named, or null with `why` set.
+    const Method *method_named(const std::string &name, Result &why) const;
+    Result parse_answers(const Method &m, const std::vector<std::string> &texts, std::vector<Answer> &out) const;
+    Scenario::Checks scenario_checks();
+    std::string act(const Step &step);
+    // Holds a thread for a wait or a scenario: false when too many are.
+    bool hold_thread();
+    void release_thread();
+
     Device &device_;
     Simulator &simulator_;
+    Json start_;
+    std::set<std::string> start_published_;
+    std::map<std::string, Fault> start_faults_;
+    std::atomic<int> held_{0};
     tools::Publisher &publisher_;
     Service service_;
 };

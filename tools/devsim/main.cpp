@@ -18,6 +18,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -95,10 +96,27 @@ int main(int argc, char **argv)
     app.add_option("--http-info", http_info,
                    "Once the panel serves, write its address to FILE as JSON: "
                    "{\"url\": ..., \"port\": ..., \"token\": ...} (needs --http)");
+    std::size_t keep_calls = hmisvc::devsim::CallLog::kDefaultKeep;
+    app.add_option("--keep-calls", keep_calls, "Keep the last N calls for `hmisvc sim calls` and waits")
+        ->check(CLI::Range(std::size_t{1}, std::size_t{10000000}));
+    std::string scenario_file;
+    app.add_option("--scenario", scenario_file,
+                   "Run this scenario (JSON steps on a timeline, as `hmisvc sim play` takes) from the start");
     CLI11_PARSE(app, argc, argv);
     if (!http_info.empty() && http.empty()) {
         std::fprintf(stderr, "hmisvc-devsim: --http-info needs --http (there is no panel to describe)\n");
         return 2;
+    }
+    std::string scenario;
+    if (!scenario_file.empty()) {
+        std::ifstream in(scenario_file);
+        std::stringstream text;
+        text << in.rdbuf();
+        if (!in) {
+            std::fprintf(stderr, "hmisvc-devsim: %s: cannot read\n", scenario_file.c_str());
+            return 2;
+        }
+        scenario = text.str();
     }
 #ifdef HMISVC_PANEL
     hmisvc::devsim::HttpAddress http_address;
@@ -140,6 +158,7 @@ int main(int argc, char **argv)
     else if (!trace_file.empty() && !(trace = std::fopen(trace_file.c_str(), "w")))
         return fail(trace_file + ": " + std::strerror(errno));
     Simulator simulator(device, record, trace);
+    simulator.calls().keep(keep_calls);
 
     std::map<std::string, std::string> states;
     try {
@@ -168,6 +187,17 @@ int main(int argc, char **argv)
     Control control(device, simulator, publisher);
     simulator.add_extra(&control.service());
     device.broadcasts.attach(bs);
+    {
+        std::set<std::string> names;
+        for (const Service *s : published)
+            names.insert(s->name);
+        control.remember_start(names);
+    }
+    if (!scenario.empty())
+        if (auto r = control.check_scenario(scenario); r.code != Control::Result::kDone) {
+            std::fprintf(stderr, "hmisvc-devsim: %s: %s\n", scenario_file.c_str(), r.text.c_str());
+            return 2;
+        }
 
 #ifdef HMISVC_PANEL
     std::unique_ptr<hmisvc::devsim::PanelServer> panel;
@@ -213,6 +243,14 @@ int main(int argc, char **argv)
     });
     for (int i = 1; i < kLoopers; ++i)
         serve_more();
+    if (!scenario.empty())
+        std::thread([&] {
+            auto r = control.play(scenario);
+            std::fprintf(stderr, "hmisvc-devsim: scenario %s: %s%s", scenario_file.c_str(),
+                         r.code == Control::Result::kDone ? "" : "not as expected:\n", r.text.c_str());
+            if (r.text.empty() || r.text.back() != '\n')
+                std::fputc('\n', stderr);
+        }).detach();
     hmisvc::tools::serve(bs, handler, hmisvc::devsim::kReplyArea, true);
     // The loop returns only when the driver failed; it has said why.
     std::_Exit(1);

@@ -49,6 +49,8 @@ constexpr auto kKeepAlive = std::chrono::seconds(15);
 // connection is closed after kIdleSeconds.
 constexpr unsigned kIdleSeconds = 10;
 constexpr auto kRequestDeadline = std::chrono::seconds(10);
+// The longest wait for a call a request may ask for.
+constexpr int kMaxWait = 600;
 constexpr unsigned kMaxConnections = 1000;
 constexpr std::size_t kMaxStreams = 256;
 // Per connection: request line and headers must fit (431 beyond).
@@ -473,6 +475,22 @@ struct PanelServer::Impl {
             std::lock_guard<std::mutex> hold(mutex);
             return reply(c, MHD_HTTP_OK, recent_calls());
         }
+        if (url == "/api/mark")
+            return reply(c, MHD_HTTP_OK, control.mark().text);
+        if (url == "/api/log") {
+            // The filter from the query: ?service=&method=&program=&since=&args=
+            Json filter = Json::object();
+            for (const char *key : {"service", "method", "program", "since", "args"})
+                if (const char *v = MHD_lookup_connection_value(c, MHD_GET_ARGUMENT_KIND, key)) {
+                    std::string text = v;
+                    if (std::strcmp(key, "since") != 0 && std::strcmp(key, "args") != 0)
+                        filter[key] = tools::to_json_text(text);
+                    else if (!tools::parse_json(text, filter[key]).empty())
+                        return error(c, MHD_HTTP_BAD_REQUEST, std::string(key) + ": expected JSON, got " + text);
+                }
+            ControlResult r = control.calls(filter);
+            return r.code == ControlResult::kDone ? reply(c, MHD_HTTP_OK, r.text) : error(c, MHD_HTTP_BAD_REQUEST, r.text);
+        }
         return error(c, MHD_HTTP_NOT_FOUND, "no such page: " + url);
     }
 
@@ -485,12 +503,29 @@ struct PanelServer::Impl {
         if (!body.is_object())
             return error(c, MHD_HTTP_BAD_REQUEST, "the request body must be a JSON object");
         ControlResult r;
+        bool waits = url == "/api/wait-call" || url == "/api/play";
+        if (waits) {
+            // Held as long as the wait or the scenario lasts, not cut at the
+            // request deadline.
+            std::lock_guard<std::mutex> hold(mutex);
+            auto *info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+            if (info && info->socket_context)
+                static_cast<Connection *>(info->socket_context)->streaming = true;
+        }
         try {
             r = steering.at(url)(body);
         } catch (const std::exception &e) {  // a missing field, a wrong type, a bad text
             return error(c, MHD_HTTP_BAD_REQUEST, std::string("bad request: ") + e.what());
         }
         observed(nullptr);
+        if (url == "/api/wait-call" && r.code != ControlResult::kRefused) {
+            Json calls;
+            if (tools::parse_json(r.text, calls).empty() && calls.is_array()) {
+                Json answer = {{"met", r.code == ControlResult::kDone}, {"calls", std::move(calls)}};
+                return reply(c, r.code == ControlResult::kDone ? MHD_HTTP_OK : MHD_HTTP_CONFLICT,
+                             tools::dump_json(answer));
+            }
+        }
         if (r.code == ControlResult::kDone)
             return reply(c, MHD_HTTP_OK, tools::dump_json(Json{{"ok", true}, {"text", tools::to_json_text(r.text)}}));
         return error(c, r.code == ControlResult::kRefused ? MHD_HTTP_BAD_REQUEST : MHD_HTTP_CONFLICT, r.text);
@@ -608,6 +643,25 @@ struct PanelServer::Impl {
                 strings[bytes(Json(it.key()))] = bytes(it.value());
             return control.broadcast(bytes(b.at("action")), ints, strings);
         };
+        steering["/api/wait-call"] = [this](const Json &b) {
+            // A wait from here holds a connection, not a serving thread;
+            // still bounded, as a page left waiting would be.
+            if (b.contains("timeout") && b["timeout"].is_number() && b["timeout"].get<double>() > kMaxWait)
+                return ControlResult{ControlResult::kRefused,
+                                     "timeout: at most " + std::to_string(kMaxWait) + " s from the panel"};
+            return control.wait_call(b);
+        };
+        steering["/api/clear-calls"] = [this](const Json &) { return control.clear_calls(); };
+        steering["/api/reset"] = [this](const Json &) { return control.reset(); };
+        steering["/api/reply"] = [this](const Json &b) {
+            std::vector<S> answers;
+            for (const Json &a : b.value("answers", Json::array()))
+                answers.push_back(a.is_string() ? bytes(a) : tools::dump_json(a));
+            if (b.value("clear", false) != answers.empty())
+                return ControlResult{ControlResult::kRefused, "give \"answers\" or \"clear\": true"};
+            return control.reply(bytes(b.at("method")), answers);
+        };
+        steering["/api/play"] = [this](const Json &b) { return control.play(tools::dump_json(b.at("scenario"))); };
     }
 
     // The listening socket, bound here so that a failure can be told.

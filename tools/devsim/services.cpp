@@ -23,7 +23,7 @@ template <class State> struct On {
     State &state;
     template <class F> Method operator()(const char *name, F f, bool query = false) const
     {
-        return {name, serve(state, f), detail::signature<F>::arg_types(), query, nullptr, {}};
+        return method_of(state, name, f, query);
     }
     // A method that only answers; `keep` puts its answer into the state.
     template <class F> Method get(const char *name, F f, Keep keep) const
@@ -49,14 +49,6 @@ const Method kUnused{"(unused)", nullptr, {}, false, nullptr, {}};
 
 using Text = std::string;
 
-std::string hex(const std::string &bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : bytes)
-        out += digits[c >> 4], out += digits[c & 15];
-    return out;
-}
 
 }  // namespace
 
@@ -190,7 +182,7 @@ std::vector<Service> make_services(Device &d)
                if (!in.complete())
                    return int{kBadRequest};
                if (trace)
-                   (*trace)["args"] = Json::array({hex(payload)});
+                   (*trace)["args"] = Json::array({intent_json(payload)});
                d.broadcasts.send(payload);
                put(reply, int32_t{0});
                return int{kOk};
@@ -198,7 +190,13 @@ std::vector<Service> make_services(Device &d)
            {"Intent"},
            false,
            nullptr,
-           {}}}},
+           {},
+           [](Request &in) {
+               std::string payload = in.block();
+               return in.complete() ? Json::array({intent_json(payload)}) : Json();
+           },
+           &answer_with<int32_t>,
+           answer_type<int32_t>()}}},
     };
 }
 
@@ -473,6 +471,15 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
 
     Fault fault;
     bool injected = service && take_fault(service, fault);
+    // A scripted answer, when no fault comes first.
+    std::optional<Answer> scripted;
+    if (!injected && method)
+        if (auto q = answers_.find(method); q != answers_.end() && !q->second.empty()) {
+            scripted = std::move(q->second.front());
+            q->second.pop_front();
+            if (scripted->kind == Answer::kDelay)
+                injected = true, fault = {Fault::kFailCall, 1, scripted->n}, scripted.reset();
+        }
     const char *why = service ? "unknown code" : "unknown object";
     if (injected && fault.delay_ms > 0 && delayed_ < kMaxDelayed) {
         // Waited out without the device's lock; a heal ends the wait.
@@ -498,9 +505,23 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
         status = fault.status == Fault::kFailCall ? tools::kFailTransaction : fault.status;
         if (fault.delay_ms == 0)
             why = "failure injected";
+    } else if (scripted) {
+        // The request is read as the method would, and left unserved.
+        Request in(msg);
+        Json args = method->args(in);
+        status = args.is_null() ? int{kBadRequest} : scripted->kind == Answer::kFail ? tools::kFailTransaction
+                                                 : scripted->kind == Answer::kStatus ? scripted->n
+                                                                                     : int{kOk};
+        why = args.is_null() ? in.error() : "scripted answer";
+        if (!args.is_null())
+            trace["args"] = args;
+        std::string unused;
+        if (status == kOk && method->answer_with(scripted->value, &reply, unused))
+            trace["reply"] = scripted->value;
+        trace["scripted"] = true;
     } else if (method) {
         Request in(msg);
-        auto run = [&] { status = method->run(in, reply, trace_ || observer_ ? &trace : nullptr); };
+        auto run = [&] { status = method->run(in, reply, &trace); };
         // A change after which some answer (or the dump) could no longer
         // reach its caller is undone: an Ethernet record larger than its
         // proxy's mapping, say. Only a text or record argument can make
@@ -518,7 +539,7 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
             why = "answer does not fit the reply";
         }
     }
-    if (trace_ || observer_) {
+    {
         Json line = {{"time", seconds_since_epoch()},
                      {"pid", txn.sender_pid},
                      {"service", service_name},
@@ -529,6 +550,8 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
             line["one_way"] = true;
         if (trace.contains("args"))
             line["args"] = trace["args"];
+        if (trace.contains("scripted"))
+            line["scripted"] = true;
         if (status == kOk) {
             line["reply"] = trace.contains("reply") ? trace["reply"] : Json(nullptr);
         } else {
@@ -538,12 +561,78 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
         line["us"] = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count();
         if (trace_writer_)
             trace_writer_->add(tools::dump_json(line));
+        // Logged under the lock, so that the log's order is the order served
+        // (a reset, under the same lock, empties it between two calls).
+        Json logged = line;
+        logged.erase("us");
+        calls_.add(std::move(logged), CallLog::program_of(txn.sender_pid));
         if (observer_) {
             hold.unlock();
             observer_(&line);
         }
     }
     return status;
+}
+
+std::string Answer::text() const
+{
+    switch (kind) {
+    case kFail:
+        return "fail";
+    case kStatus:
+        return "status:" + std::to_string(n);
+    case kDelay:
+        return "delay:" + std::to_string(n);
+    default:
+        return tools::dump_json(value);
+    }
+}
+
+void Simulator::queue(const Method &method, std::vector<Answer> answers)
+{
+    std::lock_guard<std::mutex> hold(mutex_);
+    if (answers.empty())
+        answers_.erase(&method);
+    else
+        for (Answer &a : answers)
+            answers_[&method].push_back(std::move(a));
+}
+
+std::map<std::string, std::vector<std::string>> Simulator::queued()
+{
+    std::lock_guard<std::mutex> hold(mutex_);
+    std::map<std::string, std::vector<std::string>> out;
+    for (const Service &s : services_)
+        for (const Method &m : s.methods)
+            if (auto q = answers_.find(&m); q != answers_.end() && !q->second.empty())
+                for (const Answer &a : q->second)
+                    out[std::string(s.name) + "." + m.name].push_back(a.text());
+    return out;
+}
+
+void Simulator::clear_locked()
+{
+    faults_.clear();
+    answers_.clear();
+    for (const Service &s : services_)
+        ++heals_[&s];
+    healed_.notify_all();
+}
+
+void Simulator::note(Json line)
+{
+    line["time"] = seconds_since_epoch();
+    if (trace_writer_)
+        trace_writer_->add(tools::dump_json(line));
+    if (observer_)
+        observer_(&line);
+}
+
+void Simulator::holding(bool starts)
+{
+    std::lock_guard<std::mutex> hold(mutex_);
+    if (on_delay_)
+        on_delay_(starts);
 }
 
 }  // namespace hmisvc::devsim

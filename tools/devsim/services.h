@@ -4,6 +4,7 @@
 #define HMISVC_DEVSIM_SERVICES_H
 
 #include "broadcast_hub.h"
+#include "call_log.h"
 #include "device_state.h"
 #include "settings_store.h"
 #include "wire.h"
@@ -12,6 +13,7 @@
 
 #include <condition_variable>
 #include <cstdio>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -61,7 +63,24 @@ struct Method {
     bool query = false;
     Json (*answer)(binder_io &reply) = nullptr;
     Keep keep;
+    // The arguments as JSON, and an answer given as JSON written (or, with
+    // no reply, only checked) as the method answers; `answers` names its
+    // result type.
+    Json (*args)(Request &in) = nullptr;
+    bool (*answer_with)(const Json &value, binder_io *reply, std::string &why) = nullptr;
+    const char *answers = nullptr;
 };
+
+// The method `name` running f(state, arguments...), see serve().
+template <class State, class F> Method method_of(State &state, const char *name, F f, bool query = false)
+{
+    using Sig = detail::signature<F>;
+    Method m{name, serve(state, f), Sig::arg_types(), query, nullptr, {}};
+    m.args = &args_json<typename Sig::args>;
+    m.answer_with = &answer_with<typename Sig::result>;
+    m.answers = answer_type<typename Sig::result>();
+    return m;
+}
 
 // Its address is the binder object published under its name.
 struct Service {
@@ -87,6 +106,17 @@ struct Fault {
     int32_t status = kFailCall;
     int32_t calls = -1;    // how many calls; below 0: all until healed
     int32_t delay_ms = 0;  // with a delay, calls are answered normally, late
+};
+
+// A scripted answer of `hmisvc sim reply`, used once by the method's next
+// call: a value of its result type, a failed transaction, a status reply,
+// or the state's own answer, late.
+struct Answer {
+    enum Kind { kValue, kFail, kStatus, kDelay } kind = kValue;
+    Json value;      // kValue
+    int32_t n = 0;   // kStatus: the word; kDelay: ms
+    // As `sim reply` takes it and `sim dump` shows it.
+    std::string text() const;
 };
 
 // Why the device's state cannot be answered whole: the first query answer
@@ -145,6 +175,25 @@ public:
     // The faults in force, by service name.
     std::map<std::string, Fault> faults();
 
+    // Queues answers for a method's next calls (after those queued), or
+    // with none empties its queue.
+    void queue(const Method &method, std::vector<Answer> answers);
+    // The queued answers, by "service.method", as their texts.
+    std::map<std::string, std::vector<std::string>> queued();
+    // With the device's lock held (see lock()): no fault, no queued answer,
+    // every delayed call released.
+    void clear_locked();
+    std::map<const Service *, Fault> &faults_locked() { return faults_; }
+
+    // Every call served, and the trace line of something else the
+    // simulator did (a scenario's step, a broadcast of its own): to the
+    // trace and the observer, not the log.
+    CallLog &calls() { return calls_; }
+    void note(Json line);
+    // Told when a control request starts (true) and ends (false) holding
+    // its serving thread (a wait), as with delays: see on_delay.
+    void holding(bool starts);
+
     // Held while the device's state is read or changed.
     std::mutex &lock() { return mutex_; }
 
@@ -168,6 +217,8 @@ private:
     int delayed_ = 0;
     std::function<void(bool)> on_delay_;
     Observer observer_;
+    std::map<const Method *, std::deque<Answer>> answers_;
+    CallLog calls_;
 };
 
 }  // namespace hmisvc::devsim

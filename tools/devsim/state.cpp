@@ -105,7 +105,7 @@ void StateJson::load(Device &device, const Json &state)
     });
     // What a dump shows but a state does not hold is accepted unchanged.
     for (auto s = state.begin(); s != state.end(); ++s) {
-        if (s.key() == "broadcast" || s.key() == "services")
+        if (s.key() == "broadcast" || s.key() == "services" || s.key() == "replies")
             continue;
         if (!seen.contains(s.key()))
             throw JsonError(s.key() + ": no such section");

@@ -1,5 +1,12 @@
 #include "wire.h"
 
+#include <cereal/archives/binary.hpp>
+#include <cereal/types/map.hpp>
+#include <cereal/types/string.hpp>
+
+#include <map>
+#include <sstream>
+
 #include <cstring>
 
 namespace hmisvc::devsim {
@@ -100,6 +107,33 @@ void put(binder_io &reply, const std::vector<WifiList> &list)
     bio_put_uint32(&reply, static_cast<uint32_t>(list.size()));
     for (WifiList entry : list)
         put(reply, entry);
+}
+
+Json intent_json(const std::string &bytes)
+{
+    // Decoded here, as the intent's own fields are not to be listed from
+    // outside; kept only when it is exactly what an Intent would send.
+    std::string action;
+    std::map<std::string, int> ints;
+    std::map<std::string, std::string> strings;
+    try {
+        std::istringstream in(bytes);
+        cereal::BinaryInputArchive read(in);
+        read(action, ints, strings);
+        std::ostringstream again;
+        {
+            cereal::BinaryOutputArchive write(again);
+            write(action, ints, strings);
+        }
+        if (again.str() == bytes)
+            return {{"action", to_json_value(action)}, {"ints", to_json_value(ints)}, {"strings", to_json_value(strings)}};
+    } catch (const std::exception &) {  // not an intent: shown as its bytes
+    }
+    static const char digits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned char c : bytes)
+        hex += digits[c >> 4], hex += digits[c & 15];
+    return {{"bytes", hex}};
 }
 
 }  // namespace hmisvc::devsim

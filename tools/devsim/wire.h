@@ -94,6 +94,10 @@ template <class T> T read(Request &in)
         return in.record<T>();
 }
 
+// An intent's encoding as the trace shows it: action and extras, or its
+// bytes in hex when they are not an intent.
+Json intent_json(const std::string &bytes);
+
 // ---- answers ----
 
 void put(binder_io &reply, int32_t word);
@@ -162,6 +166,49 @@ template <class... A> std::tuple<A...> read_all(Request &in, std::tuple<A...> *)
     return std::tuple<A...>{read<A>(in)...};  // braces: read in argument order
 }
 }  // namespace detail
+
+// The arguments of a request as JSON (as a trace shows them), or null when
+// the request is malformed; and an answer given as JSON written as the
+// method answers it, or only checked (no reply), with `why` set when it is
+// not a value of the method's result type.
+template <class Args> Json args_json(Request &in)
+{
+    auto args = detail::read_all(in, static_cast<Args *>(nullptr));
+    if (!in.complete())
+        return nullptr;
+    return std::apply([](auto &...a) { return Json::array({to_json_value(a)...}); }, args);
+}
+template <class R> const char *answer_type()
+{
+    if constexpr (std::is_void_v<R>)
+        return "nothing (a status word 0)";
+    else if constexpr (std::is_same_v<R, std::vector<WifiList>>)
+        return "a list of WifiList records";
+    else if constexpr (std::is_same_v<R, P4gInfo>)
+        return "a P4gInfo record";
+    else if constexpr (std::is_same_v<R, WifiInfo>)
+        return "a WifiInfo record";
+    else
+        return type_name<R>();
+}
+template <class R> bool answer_with(const Json &value, binder_io *reply, std::string &why)
+{
+    if constexpr (std::is_void_v<R>) {
+        why = "answers nothing";
+        return false;
+    } else {
+        R answer{};
+        try {
+            from_json_value(value, answer, "answer");
+        } catch (const JsonError &e) {
+            why = e.what();
+            return false;
+        }
+        if (reply)
+            put(*reply, answer);
+        return true;
+    }
+}
 
 // f is called as f(state, arguments...) once the whole request has been
 // read and found well-formed. A void result answers the status word 0.

@@ -244,9 +244,20 @@ function tick() {
 
 const short = (v) => v === undefined ? '' : typeof v === 'string' ? v : JSON.stringify(v);
 
+// What the simulator did itself (a scenario's step, its own broadcast).
+function noteRow(c, time, fresh) {
+  const what = c.scenario ? `scenario ${c.scenario === 'step' ? `step ${c.step}: ${c.do}` : c.scenario}` : c.simulator;
+  const arg = c.arg !== undefined ? short(c.arg) : c.args ? c.args.map(short).join(', ') : '';
+  const outcome = c.error || (c.late_ms !== undefined ? `${c.late_ms} ms late` : c.met !== undefined ? (c.met ? 'as expected' : 'not as expected') : '');
+  return el('tr', { class: (c.error || c.met === false ? 'failed' : '') + (fresh ? ' fresh' : '') },
+    el('td', {}, time.toLocaleTimeString([], { hour12: false }) + '.' + String(time.getMilliseconds()).padStart(3, '0')),
+    el('td', {}, 'simulator'), el('td', {}, what), el('td', {}, arg), el('td', {}, outcome), el('td', {}, ''));
+}
+
 function callRow(c, fresh) {
   const failed = c.status !== undefined;
   const time = new Date(c.time * 1000);
+  if (c.scenario || c.simulator) return noteRow(c, time, fresh);
   return el('tr', { class: (failed ? 'failed' : '') + (fresh ? ' fresh' : '') },
     el('td', {}, time.toLocaleTimeString([], { hour12: false }) + '.' + String(time.getMilliseconds()).padStart(3, '0')),
     el('td', {}, `${c.caller || '?'} (${c.pid})`),
