@@ -295,6 +295,8 @@ private:
                     return input->setEnabled(false);
                 if (int level = 0; std::sscanf(line.c_str(), "brightness %d", &level) == 1)
                     slider_->setValue(level); // as the user would
+                else if (!line.empty())
+                    std::fprintf(stderr, "qt-panel: unknown command \"%s\" (brightness N)\n", line.c_str());
             } while (std::cin.rdbuf()->in_avail() > 0);
         });
     }

@@ -18,7 +18,7 @@ class QtPanel : public hmisvc::testing::DeviceTest {};
 TEST_F(QtPanel, SliderSetsBrightnessOnce)
 {
     hmisvc::testing::App app({app_path, "--watch"});
-    ASSERT_TRUE(app.expect("ready"));
+    ASSERT_TRUE(app.expect("ready", 30));  // Qt starts slowly in an emulated guest
     app.send("brightness 10\n");
     device.waitForCall("SetBrightness", "[10]");
     ASSERT_TRUE(app.expect("brightness: 10 of"));
@@ -28,7 +28,7 @@ TEST_F(QtPanel, SliderSetsBrightnessOnce)
 TEST_F(QtPanel, BacklightDownAndBack)
 {
     hmisvc::testing::App app({app_path, "--watch"});
-    ASSERT_TRUE(app.expect("ready"));
+    ASSERT_TRUE(app.expect("ready", 30));  // Qt starts slowly in an emulated guest
     device.fail("backlight");
     ASSERT_TRUE(app.expect("backlight: service down"));
     device.heal("backlight");
@@ -38,7 +38,7 @@ TEST_F(QtPanel, BacklightDownAndBack)
 TEST_F(QtPanel, WifiListFollows)
 {
     hmisvc::testing::App app({app_path, "--watch"});
-    ASSERT_TRUE(app.expect("wifi: Office-WiFi"));
+    ASSERT_TRUE(app.expect("wifi: Office-WiFi", 30));
     device.play(R"({"steps": [{"at": 1, "unpublish": "wifiinfo"}, {"at": 3, "publish": "wifiinfo"}]})");
     ASSERT_TRUE(app.expect("wifi: unavailable"));
     EXPECT_TRUE(app.expect("wifi: Office-WiFi"));
@@ -47,7 +47,7 @@ TEST_F(QtPanel, WifiListFollows)
 TEST_F(QtPanel, BroadcastShown)
 {
     hmisvc::testing::App app({app_path, "--watch"});
-    ASSERT_TRUE(app.expect("ready"));
+    ASSERT_TRUE(app.expect("ready", 30));  // Qt starts slowly in an emulated guest
     device.broadcast("hmi.action.show.settings", {{"page", 4}});
     EXPECT_TRUE(app.expect("broadcast: hmi.action.show.settings page=4"));
 }
