@@ -16,8 +16,6 @@ import pytest
 REFUSED = 2
 # The scripted answers that are not values of the method's return type.
 _ANSWER_WORD = re.compile(r"fail|status:-?\d+|delay:\d+")
-# Requests the simulator holds as long as they last (a wait, a scenario).
-_HELD = ("wait-call", "play")
 
 
 class HmisvcError(RuntimeError):
@@ -56,7 +54,7 @@ class Device:
             pytest.fail(f"hmisvc sim {args[0]}: {message}", pytrace=False)
         raise HmisvcError(f"hmisvc sim {' '.join(map(str, args))}: {message}")
 
-    def _request(self, route, body=None, allow=(200,), query=None):
+    def _request(self, route, body=None, allow=(200,), query=None, timeout=60):
         """(status, answer) of one request to the panel: a GET without a body.
         400 (a refused request) fails the test at once with the simulator's words."""
         url = self.panel["url"] + "api/" + route
@@ -66,7 +64,7 @@ class Device:
                                          {"X-Hmisvc-Token": self.panel["token"],
                                           "Content-Type": "application/json"})
         try:
-            with urllib.request.urlopen(request, timeout=None if route in _HELD else 60) as answer:
+            with urllib.request.urlopen(request, timeout=timeout) as answer:
                 return answer.status, json.load(answer)
         except urllib.error.HTTPError as e:
             try:
@@ -164,7 +162,8 @@ class Device:
                     scenario = json.load(f)
                 except ValueError as e:
                     pytest.fail(f"hmisvc sim play: {path}: not JSON: {e}", pytrace=False)
-            status, answer = self._request("play", {"scenario": scenario}, allow=(200, 409))
+            # Held as long as the scenario lasts.
+            status, answer = self._request("play", {"scenario": scenario}, allow=(200, 409), timeout=None)
             report = answer.get("error", "") if status == 409 else None
         else:
             r = self._sim("play", path, allow=(0, 1))
@@ -196,7 +195,9 @@ class Device:
         if self.panel:
             body = {k: v for k, v in dict(method=method, args=args, count=count, since=since,
                                           program=program, timeout=timeout).items() if v is not None}
-            status, answer = self._request("wait-call", body, allow=(200, 409))
+            status, answer = self._request("wait-call", body, allow=(200, 409), timeout=timeout + 60)
+            if status == 409 and "error" in answer:  # too many waits at once
+                raise HmisvcError(f"hmisvc sim wait-call: {answer['error']}")
             met, came = status == 200, answer.get("calls", [])
         else:
             options = self._filters(args=None if args is None else _json(args), count=count, since=since,
