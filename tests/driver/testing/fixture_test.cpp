@@ -106,3 +106,24 @@ TEST_F(Fixture, WrongNamesFailTheTestWithTheSimulatorsWords)
 }
 
 }  // namespace
+
+// The application under test: read as it prints, fed, and shown whole in
+// the failure of an expect that cannot be met (it ended: at once).
+TEST(App, ReadsFeedsAndShowsAllItPrinted)
+{
+    hmisvc::testing::App app({"sh", "-c", "echo to-out; echo to-err >&2; read line; echo got:$line; exit 3"});
+    EXPECT_TRUE(app.expect("to-err"));
+    app.send("ping\n");
+    EXPECT_TRUE(app.expect("got:ping"));
+    ::testing::TestPartResultArray failures;
+    {
+        ::testing::ScopedFakeTestPartResultReporter catcher(
+            ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
+        EXPECT_FALSE(app.expect("to-err", 600));  // matched once already
+    }
+    ASSERT_EQ(failures.size(), 1);
+    const std::string message = failures.GetTestPartResult(0).message();
+    EXPECT_NE(message.find("it ended"), std::string::npos) << message;
+    EXPECT_NE(message.find("| to-out"), std::string::npos) << message;
+    EXPECT_EQ(app.stop(), 3);
+}
