@@ -1,5 +1,7 @@
 #include <hmisvc/testing.h>
 
+#include "exec.h"
+
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
@@ -39,13 +41,7 @@ pid_t start(const std::vector<std::string> &argv, int *out, int *err)
         dup2(null, 0);
         dup2(out ? o[1] : null, 1);
         dup2(err ? e[1] : null, 2);
-        std::vector<char *> args;
-        for (const std::string &a : argv)
-            args.push_back(const_cast<char *>(a.c_str()));
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        dprintf(2, "%s: %s\n", args[0], std::strerror(errno));
-        _exit(127);
+        detail::exec_argv(argv);
     }
     for (int fd : {o[1], e[1]})
         if (fd >= 0)

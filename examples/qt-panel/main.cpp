@@ -11,12 +11,15 @@
 // receiver's handler thread; onReceive copies what it needs and posts it to
 // the GUI thread.
 //
-//   qt-panel [--set-brightness N] [--print-state]
+//   qt-panel [--set-brightness N] [--print-state] [--watch]
 //
 // --set-brightness moves the slider once the panel is up, as a user would;
 // --print-state prints what the panel shows once it has loaded (and applied
 // the brightness, and received one broadcast) and quits: for scripts and
-// tests, together with QT_QPA_PLATFORM=offscreen.
+// tests, together with QT_QPA_PLATFORM=offscreen. --watch reads the services
+// every 100 ms, prints each line of what the panel shows when it changes
+// ("ready" once loaded), and takes "brightness N" lines on standard input as
+// slider moves: for tests of the panel as it runs.
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QLabel>
@@ -24,6 +27,7 @@
 #include <QMap>
 #include <QSignalBlocker>
 #include <QSlider>
+#include <QSocketNotifier>
 #include <QThreadPool>
 #include <QTimer>
 #include <QVBoxLayout>
@@ -31,6 +35,8 @@
 
 #include <chrono>
 #include <cstdio>
+#include <iostream>
+#include <string>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -41,6 +47,7 @@
 #include <hmisvc/receiving.h>
 #include <hmisvc/records.h>
 #include <hmisvc/service.h>
+#include <hmisvc/wait.h>
 
 namespace {
 
@@ -69,8 +76,8 @@ struct Levels {
 
 class Panel : public QWidget {
 public:
-    Panel(int set_brightness, bool print_state)
-        : set_brightness_(set_brightness), print_state_(print_state), backlight_(options("backlight")),
+    Panel(int set_brightness, bool print_state, bool watch)
+        : set_brightness_(set_brightness), print_state_(print_state), watch_(watch), backlight_(options("backlight")),
           wifi_(options("Wi-Fi")), receiver_(this, [this](QString text) { show_broadcast(text); }),
           receiving_(receivingOptions())
     {
@@ -96,6 +103,8 @@ public:
                 fail(status_, QString("nothing to print after 30 s (brightness: %1; broadcast: %2)")
                                   .arg(level_->text(), broadcast_->text()));
             });
+        if (watch_)
+            start_watching();
         off_gui([this] { return receiving_.start(10s); },
                 [this](bool receiving) {
                     if (!receiving)
@@ -183,6 +192,9 @@ private:
         off_gui(
             [this] {
                 std::vector<WifiList> networks;
+                // An unregistered service is gone, though a proxy built before may still answer.
+                if (!hmisvc::waitForService(Context::WIFIINFO_SERVICE, 0ms))
+                    return std::make_pair(hmisvc::Outcome::NotRegistered, QStringList());
                 const hmisvc::Result<bool> listed = wifi_.call(&WifiManager::GetWifilist, networks);
                 QStringList rows;
                 // The simulator fills text1 with the SSID and value with the
@@ -255,6 +267,40 @@ private:
         QApplication::exit(1);
     }
 
+    // --watch: the services read again every 100 ms, each changed line
+    // printed; "brightness N" on standard input moves the slider.
+    void start_watching()
+    {
+        auto *tick = new QTimer(this);
+        connect(tick, &QTimer::timeout, this, [this] {
+            QStringList rows;
+            for (int i = 0; i < networks_->count(); ++i)
+                rows << networks_->item(i)->text();
+            const QStringList now = {status_->text(), "brightness: " + level_->text(),
+                                     "wifi: " + rows.join(", "), "broadcast: " + broadcast_->text()};
+            if (loaded_ == All && shown_.isEmpty())
+                shown_ = QStringList{"", "", "", ""}, std::printf("ready\n");
+            for (int i = 0; i < now.size() && !shown_.isEmpty(); ++i)
+                if (now[i] != shown_[i] && !now[i].isEmpty())
+                    std::printf("%s\n", (shown_[i] = now[i]).toUtf8().constData());
+            std::fflush(stdout);
+            load();
+        });
+        tick->start(100ms);
+        auto *input = new QSocketNotifier(0, QSocketNotifier::Read, this);
+        connect(input, &QSocketNotifier::activated, this, [this, input] {
+            std::string line;
+            do {
+                if (!std::getline(std::cin, line))
+                    return input->setEnabled(false);
+                if (int level = 0; std::sscanf(line.c_str(), "brightness %d", &level) == 1)
+                    slider_->setValue(level); // as the user would
+                else if (!line.empty())
+                    std::fprintf(stderr, "qt-panel: unknown command \"%s\" (brightness N)\n", line.c_str());
+            } while (std::cin.rdbuf()->in_avail() > 0);
+        });
+    }
+
     void show_broadcast(const QString &text)
     {
         broadcast_->setText(text);
@@ -289,6 +335,8 @@ private:
 
     const int set_brightness_;
     const bool print_state_;
+    const bool watch_;
+    QStringList shown_; // --watch: what was printed, line by line
     QLabel *status_ = new QLabel;
     QSlider *slider_ = new QSlider;
     QLabel *level_ = new QLabel("loading...");
@@ -314,6 +362,7 @@ int main(int argc, char **argv)
     parser.addHelpOption();
     parser.addOption({"set-brightness", "Move the brightness slider to <level> once loaded.", "level"});
     parser.addOption({"print-state", "Print what the panel shows once loaded, then quit."});
+    parser.addOption({"watch", "Print what the panel shows as it changes; take \"brightness N\" lines on stdin."});
     if (!parser.parse(QApplication::arguments())) {
         std::fprintf(stderr, "qt-panel: %s\n", parser.errorText().toUtf8().constData());
         return 2;
@@ -333,7 +382,7 @@ int main(int argc, char **argv)
     // Never destroyed: a pool thread may still be waiting out a call's limit
     // when the window closes, and the broadcast endpoints read the filter
     // for good.
-    auto *panel = new Panel(level, parser.isSet("print-state"));
+    auto *panel = new Panel(level, parser.isSet("print-state"), parser.isSet("watch"));
     panel->show();
     return app.exec();
 }

@@ -144,7 +144,6 @@ class _Session:
 def _hmisvc_session(request):
     session = _Session(request.config)
     device = Device(session.hmisvc, session.panel)
-    device._start = device.state()
     yield device
     device.close()
     session.stop()

@@ -5,6 +5,7 @@ import re
 import subprocess
 import tempfile
 import urllib.error
+import urllib.parse
 import urllib.request
 
 import pytest
@@ -38,7 +39,6 @@ class Device:
         # writes it): its routes answer without a program started per request.
         self.panel = panel
         self._files = tempfile.TemporaryDirectory(prefix="hmisvc-pytest.")
-        self._start = None  # the state at session start, for reset without `sim reset`
 
     def close(self):
         self._files.cleanup()
@@ -54,21 +54,35 @@ class Device:
             pytest.fail(f"hmisvc sim {args[0]}: {message}", pytrace=False)
         raise HmisvcError(f"hmisvc sim {' '.join(map(str, args))}: {message}")
 
+    def _request(self, route, body=None, allow=(200,), query=None, timeout=60):
+        """(status, answer) of one request to the panel: a GET without a body.
+        400 (a refused request) fails the test at once with the simulator's words."""
+        url = self.panel["url"] + "api/" + route
+        if query:
+            url += "?" + urllib.parse.urlencode({k: v for k, v in query.items() if v is not None})
+        request = urllib.request.Request(url, None if body is None else _json(body).encode(),
+                                         {"X-Hmisvc-Token": self.panel["token"],
+                                          "Content-Type": "application/json"})
+        try:
+            with urllib.request.urlopen(request, timeout=timeout) as answer:
+                return answer.status, json.load(answer)
+        except urllib.error.HTTPError as e:
+            try:
+                answer = json.load(e)
+            except ValueError:
+                answer = {}
+            if e.code in allow:
+                return e.code, answer
+            message = answer.get("error", e.reason) if isinstance(answer, dict) else e.reason
+            if e.code == 400:
+                pytest.fail(f"hmisvc sim {route}: {message}", pytrace=False)
+            raise (_NoRoute if e.code == 404 else HmisvcError)(f"hmisvc sim {route}: {message}") from None
+
     def _steer(self, verb, body, *cli_args, allow=(0,)):
         """A steering request: to the panel where there is one, else by `hmisvc sim`."""
         if not self.panel:
             return self._sim(verb, *cli_args, allow=allow)
-        request = urllib.request.Request(self.panel["url"] + "api/" + verb, _json(body).encode(),
-                                         {"X-Hmisvc-Token": self.panel["token"],
-                                          "Content-Type": "application/json"})
-        try:
-            with urllib.request.urlopen(request, timeout=60) as answer:
-                return json.load(answer)
-        except urllib.error.HTTPError as e:
-            message = json.load(e).get("error", e.reason)
-            if e.code == 400:
-                pytest.fail(f"hmisvc sim {verb}: {message}", pytrace=False)
-            raise (_NoRoute if e.code == 404 else HmisvcError)(f"hmisvc sim {verb}: {message}") from None
+        return self._request(verb, body)[1]
 
     def _file(self, document_or_path, name):
         """A path as it is; a document (a dict, a list or a JSON text) written to a file."""
@@ -131,52 +145,66 @@ class Device:
     def reply(self, method, *answers):
         """Queues the method's next answers: values of its return type, or the
         words "fail", "status:N" and "delay:MS"; no answers empties the queue."""
-        if not answers:
-            self._sim("reply", method, "--clear")
-            return
-        self._sim("reply", method, *(a if isinstance(a, str) and _ANSWER_WORD.fullmatch(a) else _json(a)
-                                     for a in answers))
+        body = {"method": method, **({"answers": list(answers)} if answers else {"clear": True})}
+        words = [a if isinstance(a, str) and _ANSWER_WORD.fullmatch(a) else _json(a) for a in answers]
+        self._steer("reply", body, method, *(words or ["--clear"]))
 
     def reset(self):
         """The device as it started: values, faults, queued answers, publications, call log."""
-        try:
-            r = self._steer("reset", {}, allow=(0, REFUSED))
-            if not isinstance(r, subprocess.CompletedProcess) or r.returncode == 0:
-                return
-        except _NoRoute:
-            pass
-        # A simulator without `sim reset`: the services that fail or are
-        # unpublished (the dump lists them) healed and published, then its
-        # start state back (which may fail or unpublish some itself).
-        if self._start is None:
-            self._sim("reset")
-        for name, how in self.state().get("services", {}).items():
-            (self.heal if how == "failed" else self.publish)(name)
-        self.load(self._start)
+        self._steer("reset", {})
 
     def play(self, scenario_or_path):
         """Runs a scenario in the simulator; an AssertionError lists the unmet expectations."""
-        r = self._sim("play", self._file(scenario_or_path, "scenario.json"), allow=(0, 1))
-        if r.returncode == 1:
-            raise AssertionError("scenario not met:\n" + (r.stdout + r.stderr).strip())
+        path = self._file(scenario_or_path, "scenario.json")
+        if self.panel:
+            with open(path, encoding="utf-8", errors="surrogateescape") as f:
+                try:
+                    scenario = json.load(f)
+                except ValueError as e:
+                    pytest.fail(f"hmisvc sim play: {path}: not JSON: {e}", pytrace=False)
+            # Held as long as the scenario lasts.
+            status, answer = self._request("play", {"scenario": scenario}, allow=(200, 409), timeout=None)
+            report = answer.get("error", "") if status == 409 else None
+        else:
+            r = self._sim("play", path, allow=(0, 1))
+            report = (r.stdout + r.stderr).strip() if r.returncode == 1 else None
+        if report is not None:
+            raise AssertionError("scenario not met:\n" + report)
 
     def calls(self, service=None, method=None, program=None, since=None):
         """The calls served so far (after `since`, a mark), as dicts."""
+        if self.panel:
+            return self._request("log", query={"service": service, "method": method,
+                                               "program": program, "since": since})[1]
         return json.loads(self._sim("calls", "--json", *self._filters(service=service, method=method,
                                                                         program=program, since=since)).stdout)
 
+    def clear_calls(self):
+        """Empties the call log (sequence numbers go on)."""
+        self._steer("clear-calls", {})
+
     def mark(self):
         """The sequence number of the last call so far, to pass as `since`."""
+        if self.panel:
+            return int(self._request("mark")[1])
         return int(self._sim("mark").stdout)
 
     def wait_for_call(self, method, args=None, count=1, since=None, program=None, timeout=5.0):
         """The first `count` calls of METHOD (with these arguments, where given)
         after `since`, as soon as they came; an AssertionError at the timeout."""
-        options = self._filters(args=None if args is None else _json(args), count=count, since=since,
-                                program=program, timeout=timeout)
-        r = self._sim("wait-call", method, "--json", *options, allow=(0, 1))
-        came = json.loads(r.stdout or "[]")
-        if r.returncode == 0:
+        if self.panel:
+            body = {k: v for k, v in dict(method=method, args=args, count=count, since=since,
+                                          program=program, timeout=timeout).items() if v is not None}
+            status, answer = self._request("wait-call", body, allow=(200, 409), timeout=timeout + 60)
+            if status == 409 and "error" in answer:  # too many waits at once
+                raise HmisvcError(f"hmisvc sim wait-call: {answer['error']}")
+            met, came = status == 200, answer.get("calls", [])
+        else:
+            options = self._filters(args=None if args is None else _json(args), count=count, since=since,
+                                    program=program, timeout=timeout)
+            r = self._sim("wait-call", method, "--json", *options, allow=(0, 1))
+            met, came = r.returncode == 0, json.loads(r.stdout or "[]")
+        if met:
             return came
         wanted = method + ("" if args is None else f" with arguments {_json(args)}")
         raise AssertionError(f"{count} call(s) of {wanted} expected within {timeout} s; "

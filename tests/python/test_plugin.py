@@ -2,7 +2,9 @@
 wrong names fail at once with the simulator's nearest names, each test gets a
 clean device, and the application fixture reads, feeds and stops what it
 started, showing its output and the calls in a failing test's report."""
+import json
 import os
+import re
 import textwrap
 
 import pytest
@@ -49,16 +51,54 @@ def test_steering_reaches_applications(hmisvc_device, hmisvc_app):
 
 
 @pytest.mark.parametrize("verb, args, nearest", [
-    ("set", ("backlight.brightnes", 3), "brightnes"),
+    ("set", ("backlight.brightnes", 3), "backlight.brightness"),
     ("fail", ("backlite",), "backlight"),
     ("heal", ("wifiinf",), "wifiinfo"),
     ("unpublish", ("backlght",), "backlight"),
+    ("reply", ("SetBrightnes", True), "SetBrightness"),
+    ("wait_for_call", ("SetBrightnes",), "SetBrightness"),
 ])
 def test_wrong_names_fail_at_once_naming_the_nearest(hmisvc_device, verb, args, nearest):
     before = hmisvc_device.state()
-    with pytest.raises(pytest.fail.Exception, match=nearest):
+    with pytest.raises(pytest.fail.Exception, match=rf"nearest: ([^;)]*, )?{re.escape(nearest)}\b"):
         getattr(hmisvc_device, verb)(*args)
     assert hmisvc_device.state() == before
+
+
+# The call log, waits, scripted answers and scenarios, as one application sees them.
+VERBS = f"""
+import pytest
+def test_verbs(hmisvc_device, hmisvc_app):
+    assert bool(hmisvc_device.panel) == {{through_panel}}
+    mark = hmisvc_device.mark()
+    hmisvc_device.reply("GetBrightness", 7, "fail")
+    hmisvc_app([{HMISVC!r}, "backlight", "get"]).expect(r"\\b7\\b")
+    assert hmisvc_app([{HMISVC!r}, "backlight", "get"]).wait() != 0
+    calls = hmisvc_device.wait_for_call("GetBrightness", count=2, since=mark)
+    assert [c.get("reply") for c in calls] == [7, None]
+    assert len(hmisvc_device.calls(service="backlight", since=mark)) == 2
+    assert hmisvc_device.mark() >= mark + 2
+    with pytest.raises(AssertionError, match=r"SetBrightness[\\s\\S]*GetBrightness"):
+        hmisvc_device.wait_for_call("SetBrightness", since=mark, timeout=0.2)
+    hmisvc_device.clear_calls()
+    assert hmisvc_device.calls() == []
+    hmisvc_device.play({{"steps": [{{"at": 0, "set": {{"backlight.brightness": 12}}}}]}})
+    assert hmisvc_device.state()["backlight"]["brightness"] == 12
+    with pytest.raises(AssertionError, match=r"not met[\\s\\S]*SetBrightness"):
+        hmisvc_device.play({{"steps": [{{"expect": {{"method": "SetBrightness"}}, "before": 0.2}}]}})
+"""
+
+
+@pytest.mark.parametrize("through_panel", [True, False], ids=["panel", "hmisvc"])
+def test_call_log_waits_and_scripted_answers(pytester, hmisvc_device, tmp_path, monkeypatch, through_panel):
+    # A session reusing the simulator is steered through its panel when
+    # HMISVC_PANEL_INFO names it, else through `hmisvc sim`.
+    if through_panel:
+        (tmp_path / "panel.json").write_text(json.dumps(hmisvc_device.panel))
+        monkeypatch.setenv("HMISVC_PANEL_INFO", str(tmp_path / "panel.json"))
+    else:
+        monkeypatch.delenv("HMISVC_PANEL_INFO", raising=False)
+    inner(pytester, VERBS.replace("{through_panel}", str(through_panel))).assert_outcomes(passed=1)
 
 
 def test_each_test_gets_the_device_as_it_started(pytester):

@@ -13,10 +13,15 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <sys/types.h>
+#include <thread>
 #include <vector>
 
 namespace hmisvc::testing {
@@ -78,6 +83,44 @@ private:
     std::string file(const std::string &document_or_path, const char *name);
 
     std::string hmisvc_;
+};
+
+// The application under test: started with its standard output and error on
+// one pipe, read as it prints (each line with its time, kept whole for the
+// failure message); its whole process group is stopped when the App ends.
+class App {
+public:
+    explicit App(const std::vector<std::string> &argv);
+    ~App();
+    App(const App &) = delete;
+    App &operator=(const App &) = delete;
+
+    // Waits for PATTERN (an ECMAScript regular expression) in what it printed
+    // after the last match: true; at the timeout, or when it ended without
+    // printing it, a test failure with all it printed, and false.
+    bool expect(const std::string &pattern, double timeout_seconds = 5.0);
+    // Writes TEXT to its standard input.
+    void send(const std::string &text);
+    // Everything printed so far, one line each with its time.
+    std::string output();
+    // Ends it (SIGTERM, SIGKILL 5 s later) and its group; its exit status (128+N for signal N).
+    int stop();
+    pid_t pid() const { return pid_; }
+
+private:
+    void read_output(int fd);
+
+    std::string command_;
+    pid_t pid_ = -1;
+    int input_ = -1;
+    int status_ = -1;
+    std::chrono::steady_clock::time_point started_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::string text_, timed_;
+    std::size_t pos_ = 0;
+    bool open_ = true;
+    std::thread reader_;
 };
 
 // A test of the application against the device: the device is reset before

@@ -77,9 +77,11 @@ TEST_F(Fixture, WrongNamesFailTheTestWithTheSimulatorsWords)
         const char *named;
     };
     const Case cases[] = {
-        {"set", [](hmisvc::testing::Device &d) { d.set("backlight.brightnes", "3"); }, "brightnes"},
-        {"fail", [](hmisvc::testing::Device &d) { d.fail("backlite"); }, "backlite"},
-        {"unpublish", [](hmisvc::testing::Device &d) { d.unpublish("wifiinf"); }, "wifiinf"},
+        {"set", [](hmisvc::testing::Device &d) { d.set("backlight.brightnes", "3"); }, "backlight.brightness"},
+        {"fail", [](hmisvc::testing::Device &d) { d.fail("backlite"); }, "backlight"},
+        {"unpublish", [](hmisvc::testing::Device &d) { d.unpublish("wifiinf"); }, "wifiinfo"},
+        {"reply", [](hmisvc::testing::Device &d) { d.reply("SetBrightnes", {"true"}); }, "SetBrightness"},
+        {"wait", [](hmisvc::testing::Device &d) { d.waitForCall("SetBrightnes"); }, "SetBrightness"},
     };
     for (const Case &c : cases) {
         ::testing::TestPartResultArray failures;
@@ -95,9 +97,33 @@ TEST_F(Fixture, WrongNamesFailTheTestWithTheSimulatorsWords)
         }
         EXPECT_TRUE(thrown) << c.what;
         ASSERT_EQ(failures.size(), 1) << c.what;
-        EXPECT_NE(std::string(failures.GetTestPartResult(0).message()).find(c.named), std::string::npos)
-            << c.what << ": " << failures.GetTestPartResult(0).message();
+        // The nearest known names follow the wrong one.
+        const std::string message = failures.GetTestPartResult(0).message();
+        const std::size_t nearest = message.find("nearest: ");
+        EXPECT_NE(nearest, std::string::npos) << c.what << ": " << message;
+        EXPECT_NE(message.find(c.named, nearest), std::string::npos) << c.what << ": " << message;
     }
 }
 
 }  // namespace
+
+// The application under test: read as it prints, fed, and shown whole in
+// the failure of an expect that cannot be met (it ended: at once).
+TEST(App, ReadsFeedsAndShowsAllItPrinted)
+{
+    hmisvc::testing::App app({"sh", "-c", "echo to-out; echo to-err >&2; read line; echo got:$line; exit 3"});
+    EXPECT_TRUE(app.expect("to-err"));
+    app.send("ping\n");
+    EXPECT_TRUE(app.expect("got:ping"));
+    ::testing::TestPartResultArray failures;
+    {
+        ::testing::ScopedFakeTestPartResultReporter catcher(
+            ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
+        EXPECT_FALSE(app.expect("to-err", 600));  // matched once already
+    }
+    ASSERT_EQ(failures.size(), 1);
+    const std::string message = failures.GetTestPartResult(0).message();
+    EXPECT_NE(message.find("it ended"), std::string::npos) << message;
+    EXPECT_NE(message.find("| to-out"), std::string::npos) << message;
+    EXPECT_EQ(app.stop(), 3);
+}
