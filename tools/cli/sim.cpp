@@ -120,6 +120,26 @@ bool tooLarge(const std::string &what, const std::string &json)
     return true;
 }
 
+// A JSON file the command sends whole: false (status 1 or 2 said) when it
+// cannot be read or is over the limit.
+bool readDocument(const std::string &path, std::string &text, int &status)
+{
+    std::ifstream in(path);
+    std::stringstream whole;
+    whole << in.rdbuf();
+    if (!in) {
+        std::cerr << "hmisvc: " << path << ": cannot read" << std::endl;
+        status = 1;
+        return false;
+    }
+    text = whole.str();
+    if (tooLarge(path, text)) {
+        status = 2;
+        return false;
+    }
+    return true;
+}
+
 void addControl(CLI::App &sim, int &status)
 {
     auto name = std::make_shared<std::string>();
@@ -164,15 +184,8 @@ void addControl(CLI::App &sim, int &status)
     cmd = sim.add_subcommand("load", "Load a state file (JSON, whole or partial) into the running simulator");
     cmd->add_option("FILE", *value, "State file")->required()->check(CLI::ExistingFile);
     cmd->callback([value, &status] {
-        std::ifstream in(*value);
-        std::stringstream text;
-        text << in.rdbuf();
-        if (!in) {
-            std::cerr << "hmisvc: " << *value << ": cannot read" << std::endl;
-            status = 1;
-            return;
-        }
-        status = tooLarge(*value, text.str()) ? 2 : control(kLoadState, {{true, text.str(), 0}});
+        if (std::string text; readDocument(*value, text, status))
+            status = control(kLoadState, {{true, text, 0}});
     });
 }
 
@@ -327,17 +340,11 @@ void addDouble(CLI::App &sim, Session &session)
                                      "exit 0 when all went as expected, 1 listing what did not");
     cmd->add_option("FILE", *file, "Scenario file")->required()->check(CLI::ExistingFile);
     cmd->callback([file, &status] {
-        std::ifstream in(*file);
-        std::stringstream text;
-        text << in.rdbuf();
-        if (!in) {
-            std::cerr << "hmisvc: " << *file << ": cannot read" << std::endl;
-            return void(status = 1);
-        }
-        if (tooLarge(*file, text.str()))
-            return void(status = 2);
+        std::string text;
+        if (!readDocument(*file, text, status))
+            return;
         std::string answer;
-        int result = ask(kPlay, {{true, text.str(), 0}}, answer);
+        int result = ask(kPlay, {{true, text, 0}}, answer);
         if (result < 0)
             return void(status = 1);
         (result == 0 ? std::cout : std::cerr) << (result == 0 ? "" : "hmisvc: " + *file + ": ") << answer
