@@ -193,16 +193,23 @@ TEST(Scenario, RunsStepsAfterCallsAndReportsUnmetExpectations)
         auto steps = Scenario::parse(Json::parse(doc), checks(), end, why);
         return std::make_pair(steps, end);
     };
-    // The call comes from another thread once the scenario waits for it.
-    auto [steps, end] = steps_of(R"({"steps": [{"after": {"method": "Beep"}, "reset": true},
-        {"expect": {"method": "Beep", "args": [1, 2]}, "before": 3600}], "end": 3600})");
-    std::thread app([&] { log.add(call("beep", "Beep", {1, 2}), "app"); });
+    // The call comes from another thread once the scenario has started (its
+    // first step starts it): a call before the start does not count.
+    auto [steps, end] = steps_of(R"({"steps": [{"at": 0, "heal": "backlight"}, {"after": {"method": "Beep"}, "reset": true},
+        {"expect": {"method": "Beep", "args": [1, 2]}, "before": 300}], "end": 300})");
+    std::thread app;
     std::string report = Scenario::run(
-        steps, end, log, [&](const Step &s) { return done.push_back(s.action), std::string(); },
+        steps, end, log,
+        [&](const Step &s) {
+            if (s.action == "heal")
+                app = std::thread([&] { log.add(call("beep", "Beep", {1, 2}), "app"); });
+            return done.push_back(s.action), std::string();
+        },
         [](const Step &, double, const std::string &) {});
-    app.join();
+    if (app.joinable())
+        app.join();
     EXPECT_EQ(report, "");
-    EXPECT_EQ(done, std::vector<std::string>{"reset"});
+    EXPECT_EQ(done, (std::vector<std::string>{"heal", "reset"}));
 
     auto [unmet, end2] = steps_of(R"([{"expect": {"method": "SetBrightness", "args": [10]}, "before": 0}])");
     log.add(call("backlight", "SetBrightness", {20}), "app");  // before the start: not counted
