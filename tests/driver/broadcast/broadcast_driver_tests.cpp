@@ -133,11 +133,11 @@ struct Receivers {
             }
             // Each delivery starts a detached thread per matching receiver
             // with the default stack (the 8 MB stack limit). When deliveries
-            // come faster than receivers end, a 32-bit process runs out of
+            // come faster than receivers end (a reader that falls behind
+            // blocks them in their write), a 32-bit process runs out of
             // address space after a few hundred such threads and the failed
-            // std::thread ends it: in the ARM guest the storm below killed
-            // the receiver after 2756 of 10,000 intents. Small stacks, as an
-            // application on the device would choose, keep it within bounds.
+            // std::thread ends it. Small stacks, as an application on the
+            // device would choose, keep it within bounds.
             pthread_attr_t small;
             pthread_attr_init(&small);
             pthread_attr_setstacksize(&small, 256 * 1024);
@@ -341,6 +341,11 @@ TEST_F(Broadcasts, StormDeliversEveryIntentExactlyOnce)
     constexpr int kThreads = 4, kPerThread = 2500, kTotal = kThreads * kPerThread;
     Receivers r(Specs{{"storm", {"test.storm"}}});
     ASSERT_TRUE(r.ready());
+    // Read while they are sent: a full pipe would block the receiving
+    // threads, which then pile up until the endpoint stalls and the
+    // broadcast service drops intents it could not hand over.
+    std::vector<std::vector<std::string>> got;
+    std::thread reader([&] { got = r.take(kTotal, 30000); });
     std::vector<std::thread> senders;
     for (int t = 0; t < kThreads; ++t)
         senders.emplace_back([t] {
@@ -352,8 +357,8 @@ TEST_F(Broadcasts, StormDeliversEveryIntentExactlyOnce)
         });
     for (auto &s : senders)
         s.join();
+    reader.join();
     std::vector<int> seen(kTotal, 0);
-    auto got = r.take(kTotal, 30000);
     EXPECT_EQ(got.size(), size_t(kTotal));
     for (auto &words : got) {
         int seq = std::stoi(words[2]);
