@@ -18,9 +18,9 @@ constexpr uint32_t kDeliver = 1;
 constexpr auto kIdleWorker = std::chrono::seconds(10);
 // Look-ups of a name not published yet slow down to this.
 constexpr std::chrono::milliseconds kSlowestRetry{1000};
-// An endpoint with a full queue that took nothing for this long (stopped,
-// or not serving) loses its oldest intents; one that takes them makes the
-// sender wait for room, so that a storm loses nothing.
+// An endpoint with a full queue that took nothing for this long no longer
+// makes senders wait for room; one that takes intents does, so that a storm
+// loses nothing.
 constexpr auto kStuck = std::chrono::seconds(1);
 
 using Steady = std::chrono::steady_clock;
@@ -292,14 +292,13 @@ void BroadcastHub::send(const std::string &payload)
             hub.room.wait_until(lock, ep->progress + kStuck);
         if (hub.stopping || ep->dropped)
             continue;
-        if (ep->queue.size() >= kMaxQueued) {
+        if (ep->queue.size() >= kMaxKept) {
             ep->queue.pop_front();
             if (!ep->overflowing)
                 std::fprintf(stderr,
-                             "hmisvc-devsim: broadcast endpoint \"%s\" took no intent for %lld ms: "
+                             "hmisvc-devsim: broadcast endpoint \"%s\" takes no intents: "
                              "the oldest queued are dropped (%zu kept)\n",
-                             ep->name.c_str(), static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(kStuck).count()),
-                             kMaxQueued);
+                             ep->name.c_str(), kMaxKept);
             ep->overflowing = true;
         } else if (ep->queue.empty()) {
             ep->overflowing = false;

@@ -24,9 +24,14 @@ public:
     // Threads that deliver (started as deliveries need them).
     static constexpr std::size_t kDeliveryThreads = 8;
     // Intents queued for one endpoint that has not taken them yet; past
-    // that the sender waits for room while the endpoint takes intents, and
-    // the oldest is dropped (and said so) once it took none for a second.
+    // that the sender waits for room while the endpoint takes intents. Once
+    // it took none for a second (stopped, not serving, or only starved of
+    // CPU for a moment) senders stop waiting for it, and it keeps up to
+    // kMaxKept: past them the oldest is dropped (and said so). An intent
+    // queued for many endpoints is held once, so all queues together hold
+    // at most kMaxKept distinct intents.
     static constexpr std::size_t kMaxQueued = 64;
+    static constexpr std::size_t kMaxKept = 1024;
 
     // A name that cannot be looked up is dropped after `attempts` times
     // `retry` (endpoints register before they publish); it is tried after
