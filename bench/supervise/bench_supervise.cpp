@@ -13,7 +13,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <dirent.h>
 #include <signal.h>
 
 #include <algorithm>
@@ -29,21 +28,9 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-int descriptors()
-{
-    int n = 0;
-    if (DIR *dir = opendir("/proc/self/fd")) {
-        while (readdir(dir) != nullptr)
-            ++n;
-        closedir(dir);
-        n -= 3; // ".", ".." and the directory's own descriptor
-    }
-    return n;
-}
-
 struct Count {
     int threads = peer::threads_of();
-    int fds = descriptors();
+    int fds = peer::descriptors_of();
     void most(const Count &c) { threads = std::max(threads, c.threads), fds = std::max(fds, c.fds); }
 };
 
