@@ -271,6 +271,12 @@ TEST(SupervisedService, HandlesDestroyedOnAStoppedServiceLeaveOnlyTheLane)
         most_fds = std::max(most_fds, peer::descriptors_of());
     }
     const int threads_after = peer::threads_of(), fds_after = peer::descriptors_of();
+    // Another name's calls are not held up by the stuck lane: this one is
+    // looked up (and found missing) on a lane of its own.
+    hmisvc::ServiceOptions once;
+    once.lookupLimit = 0ms;
+    hmisvc::Service<SystemManager> other("supervise.unknown", once);
+    EXPECT_EQ(other.callWithin(60s, &SystemManager::GetHmiName).outcome(), Outcome::NotRegistered);
     ASSERT_EQ(kill(g_devsim->pid(), SIGCONT), 0);
     EXPECT_LE(most_threads - threads, kLane + 1); // the lane's threads and the timer
     EXPECT_LE(most_fds - fds, kLane);             // the connections of the calls stuck on them
