@@ -275,8 +275,8 @@ private:
         Lane &lane = *lane_;
         lane.queue.emplace(job->seq_, job);
         if (lane.threads - lane.busy < lane.queue.size() && lane.threads < lane.size) {
-            ++lane.threads;
             std::thread(&ServiceCore::serve, std::ref(lane)).detach();
+            ++lane.threads;
         }
         lane.work.notify_one();
     }
@@ -410,8 +410,8 @@ void Shared::expect(const std::shared_ptr<Job> &job)
     const bool earliest = deadlines.empty() || job->deadline_ < deadlines.begin()->first.first;
     deadlines.emplace(std::make_pair(job->deadline_, job->seq_), job);
     if (!timing) {
-        timing = true;
         std::thread(&ServiceCore::watchDeadlines).detach();
+        timing = true;
     } else if (earliest) {
         timer.notify_one();
     }
