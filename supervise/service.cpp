@@ -376,7 +376,8 @@ private:
     {
         auto lookup = options_.lookupLimit;
         if (job.deadline_ != Clock::time_point::max())
-            lookup = std::min(lookup, std::chrono::duration_cast<std::chrono::milliseconds>(job.deadline_ - Clock::now()));
+            lookup = std::min(lookup,
+                              std::chrono::duration_cast<std::chrono::milliseconds>(job.deadline_ - Clock::now()));
         Outcome why = Outcome::Ok;
         auto proxy = acquire(why, std::max(std::chrono::milliseconds(0), lookup));
         job.sent_ = proxy != nullptr;
