@@ -16,9 +16,16 @@ namespace hmisvc::tools {
 // sorted order) as a 16-bit string, or the status kNoMoreNames past the last.
 constexpr uint32_t kSvcmgrCodeList = 4;
 // And its counterpart to publish: the same request, which drops the name
-// when the object sent is the one published under it (answer: the status
-// word 0, or 1 when not).
+// when its publisher sends the object published under it (answer: the
+// status word 0, or kNotYours).
 constexpr uint32_t kSvcmgrCodeUnpublish = 5;
+// The header word, the interface name and a name its caller published:
+// keeps the name for the caller's program across its restart (answer: the
+// status word 0, or kNotYours).
+constexpr uint32_t kSvcmgrCodeClaim = 6;
+// The header word, the interface name and a name: the status word 0, the
+// holder's pid and euid, or the status word kNoMoreNames when nobody holds it.
+constexpr uint32_t kSvcmgrCodeHolder = 7;
 
 class SvcmgrHandler {
 public:
@@ -27,6 +34,9 @@ public:
     // is also told on stderr, traced or not: it is someone's mistake or an
     // attempt to take a service over.
     static constexpr int kNameHeld = 1;
+    // Unpublish or claim status for a name the caller does not hold, told
+    // on stderr the same way.
+    static constexpr int kNotYours = 1;
     // Status sent back for a request that is not a well-formed lookup or
     // publish.
     static constexpr int BAD_REQUEST = -1;
@@ -42,6 +52,11 @@ private:
     int list(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
     int publish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
     int unpublish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
+    int claim(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
+    int holder(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
+    // Tells a refused request on stderr, naming the caller, and answers kNotYours.
+    int not_yours(const binder_transaction_data &txn, const char *what, const std::u16string &name,
+                  const Process &holder, binder_io &reply);
     int refuse(const binder_transaction_data &txn, const char *why);
 
     ServiceRegistry &registry_;

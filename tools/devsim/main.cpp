@@ -7,6 +7,7 @@
 #endif
 #include "publisher.h"
 #include "services.h"
+#include "svcmgr_client.h"
 #include "state.h"
 
 #include <hmisvc/binder.h>
@@ -216,11 +217,24 @@ int main(int argc, char **argv)
 #endif
 
     published.push_back(&control.service());
-    for (const Service *s : published)
-        if (int status = publisher.publish(s->name, const_cast<Service *>(s)); status != 0)
-            return fail(std::string("cannot publish \"") + s->name + "\" " +
-                        (status == -1 ? "(is a service manager running?)"
-                                      : "(the service manager refused it: another process holds the name)"));
+    for (const Service *s : published) {
+        int status = publisher.publish(s->name, const_cast<Service *>(s));
+        if (status == -1)
+            return fail(std::string("cannot publish \"") + s->name + "\" (is a service manager running?)");
+        // Someone else's name: a squatter, or another simulator. Which
+        // process, so that it can be found; exit 2 as for any unusable
+        // start-up setting.
+        if (status != 0) {
+            int holder = hmisvc::tools::svcmgr_holder(bs, s->name);
+            std::fprintf(stderr, "hmisvc-devsim: cannot publish \"%s\": held by %s\n", s->name,
+                         holder > 0 ? ("pid " + std::to_string(holder)).c_str() : "another process");
+            return 2;
+        }
+    }
+    // Only once all are ours: kept for the next simulator when this one
+    // ends, so that nothing else takes them before it.
+    if (std::string refused = publisher.claim_names(); !refused.empty())
+        return fail("cannot claim \"" + refused + "\"");
     publisher.watch();
     std::printf("hmisvc-devsim: ready\n");
     std::fflush(stdout);
