@@ -183,8 +183,7 @@ int SvcmgrHandler::not_yours(const binder_transaction_data &txn, const char *wha
 {
     // Told traced or not: it is someone's mistake or an attempt to take a
     // service over.
-    std::fprintf(stderr, "svcmgr: %s \"%s\" from pid %d (euid %u) refused: ", what, printable(name).c_str(),
-                 txn.sender_pid, txn.sender_euid);
+    std::fprintf(stderr, "svcmgr: %s \"%s\" from pid %d refused: ", what, printable(name).c_str(), txn.sender_pid);
     if (holder.pid == 0)
         std::fprintf(stderr, "not published\n");
     else if (holder.gone())
