@@ -124,14 +124,8 @@ int SvcmgrHandler::publish(const binder_transaction_data &txn, binder_io &msg, b
     uint32_t handle = 0;
     if (const char *why = get_named_ref(msg, name, handle))
         return refuse(txn, why);
-    Process holder;
-    if (!registry_.publish(name, handle, caller(txn), holder))
-        return not_yours(txn, "publish", name, holder, reply);
-    if (trace_)
-        std::fprintf(trace_, "svcmgr: publish \"%s\" from pid %d as handle %u\n",
-                     printable(name).c_str(), txn.sender_pid, handle);
-    bio_put_uint32(&reply, 0);
-    return 0;
+    return change(txn, reply, "publish", name,
+                  [&](const Process &by, Process &holder) { return registry_.publish(name, handle, by, holder); });
 }
 
 int SvcmgrHandler::unpublish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
@@ -140,14 +134,8 @@ int SvcmgrHandler::unpublish(const binder_transaction_data &txn, binder_io &msg,
     uint32_t handle = 0;
     if (const char *why = get_named_ref(msg, name, handle))
         return refuse(txn, why);
-    Process holder;
-    if (!registry_.remove(name, handle, caller(txn), holder))
-        return not_yours(txn, "unpublish", name, holder, reply);
-    if (trace_)
-        std::fprintf(trace_, "svcmgr: unpublish \"%s\" from pid %d: dropped\n", printable(name).c_str(),
-                     txn.sender_pid);
-    bio_put_uint32(&reply, 0);
-    return 0;
+    return change(txn, reply, "unpublish", name,
+                  [&](const Process &by, Process &holder) { return registry_.remove(name, handle, by, holder); });
 }
 
 int SvcmgrHandler::claim(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
@@ -155,11 +143,18 @@ int SvcmgrHandler::claim(const binder_transaction_data &txn, binder_io &msg, bin
     std::u16string name;
     if (const char *why = get_prologue(msg, name))
         return refuse(txn, why);
+    return change(txn, reply, "claim", name,
+                  [&](const Process &by, Process &holder) { return registry_.claim(name, by, holder); });
+}
+
+int SvcmgrHandler::change(const binder_transaction_data &txn, binder_io &reply, const char *what,
+                          const std::u16string &name, const std::function<bool(const Process &, Process &)> &act)
+{
     Process holder;
-    if (!registry_.claim(name, caller(txn), holder))
-        return not_yours(txn, "claim", name, holder, reply);
+    if (!act(caller(txn), holder))
+        return not_yours(txn, what, name, holder, reply);
     if (trace_)
-        std::fprintf(trace_, "svcmgr: claim \"%s\" from pid %d\n", printable(name).c_str(), txn.sender_pid);
+        std::fprintf(trace_, "svcmgr: %s \"%s\" from pid %d\n", what, printable(name).c_str(), txn.sender_pid);
     bio_put_uint32(&reply, 0);
     return 0;
 }

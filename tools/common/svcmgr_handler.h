@@ -8,6 +8,7 @@
 #include <hmisvc/binder.h>
 
 #include <cstdio>
+#include <functional>
 
 namespace hmisvc::tools {
 
@@ -54,6 +55,10 @@ private:
     int unpublish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
     int claim(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
     int holder(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
+    // A request that changes a name: `act` does it for the caller, or gives
+    // the holder and false when the name is not the caller's.
+    int change(const binder_transaction_data &txn, binder_io &reply, const char *what, const std::u16string &name,
+               const std::function<bool(const Process &, Process &)> &act);
     // Tells a refused request on stderr, naming the caller, and answers kNotYours.
     int not_yours(const binder_transaction_data &txn, const char *what, const std::u16string &name,
                   const Process &holder, binder_io &reply);
