@@ -31,12 +31,10 @@ constexpr uint32_t kSvcmgrCodeHolder = 7;
 class SvcmgrHandler {
 public:
     static constexpr int kNoMoreNames = 1;
-    // Publish status for a name another living process holds. The refusal
-    // is also told on stderr, traced or not: it is someone's mistake or an
-    // attempt to take a service over.
-    static constexpr int kNameHeld = 1;
-    // Unpublish or claim status for a name the caller does not hold, told
-    // on stderr the same way.
+    // Publish, unpublish or claim status for a name that is not the
+    // caller's (another living process holds it, or it is kept for a
+    // program's restart). The refusal is also told on stderr, traced or
+    // not: it is someone's mistake or an attempt to take a service over.
     static constexpr int kNotYours = 1;
     // Status sent back for a request that is not a well-formed lookup or
     // publish.

@@ -7,14 +7,15 @@
 #endif
 #include "publisher.h"
 #include "services.h"
-#include "svcmgr_client.h"
 #include "state.h"
+#include "svcmgr_client.h"
 
 #include <hmisvc/binder.h>
 
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -226,8 +227,11 @@ int main(int argc, char **argv)
         // start-up setting.
         if (status != 0) {
             int holder = hmisvc::tools::svcmgr_holder(bs, s->name);
-            std::fprintf(stderr, "hmisvc-devsim: cannot publish \"%s\": held by %s\n", s->name,
-                         holder > 0 ? ("pid " + std::to_string(holder)).c_str() : "another process");
+            std::string who = holder > 0 ? "pid " + std::to_string(holder) : "another process";
+            // An exited holder's name is kept for its program's restart.
+            if (holder > 0 && kill(holder, 0) != 0 && errno == ESRCH)
+                who += " (exited; kept a while for its program to restart)";
+            std::fprintf(stderr, "hmisvc-devsim: cannot publish \"%s\": held by %s\n", s->name, who.c_str());
             return 2;
         }
     }
