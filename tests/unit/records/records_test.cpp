@@ -108,10 +108,9 @@ std::pair<std::vector<std::string>, std::string> afterCut(Record before, const s
         std::memcpy(&length, wire.data() + pos, 4);
         pos += 8;
         got = std::min<std::size_t>(length, cut - pos);
-        st[i].resize(length);
-        st[i].replace(0, got, wire, pos, got);
         if (got < length)
             return {st, readError(length, got)};
+        st[i] = wire.substr(pos, length);
         pos += length;
     }
     return {st, "no error"};
