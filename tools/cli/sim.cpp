@@ -272,9 +272,14 @@ void addDouble(CLI::App &sim, Session &session)
             }
             if (!parsed("the simulator's answer", answer, page))
                 return void(status = 1);
+            if (!page["calls"].is_array() || (page.value("more", false) && page["calls"].empty())) {
+                // A page without a call would be asked for again and again.
+                std::cerr << "hmisvc: the simulator's answer has more calls but none on its page" << std::endl;
+                return void(status = 1);
+            }
             for (Json &c : page["calls"])
                 all.push_back(std::move(c));
-            if (!page.value("more", false) || all.empty())
+            if (!page.value("more", false))
                 break;
             filter["since"] = all.back()["seq"];  // the next page
         }
