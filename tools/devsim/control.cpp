@@ -168,7 +168,7 @@ Result Control::at_key(Json &state, const std::string &key, Json *&at) const
                 for (auto it = at->begin(); it != at->end(); ++it)
                     near.push_back(key.substr(0, from) + it.key());
             return refused(shown_key + ": no such key (see `hmisvc sim dump`)" +
-                           (near.empty() ? "" : "; nearest: " + nearest_names(shown_key, near)));
+                           (near.empty() || key.size() > kNameBytes ? "" : "; nearest: " + nearest_names(shown_key, near)));
         }
         at = &(*at)[step];
         if (settings_key || dot == std::string::npos)

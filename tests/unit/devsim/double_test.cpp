@@ -281,6 +281,10 @@ TEST(Names, Nearest)
     const std::vector<std::string> known = {"GetBrightness", "SetBrightness", "SetBrightnessToMax", "Beep", "Lock"};
     EXPECT_EQ(nearest_names("SetBrightnes", known), "SetBrightness, GetBrightness, SetBrightnessToMax");
     EXPECT_EQ(unknown_name("method", "beap", known), "no method \"beap\" (nearest: Beep, Lock, GetBrightness)");
+    // Past 128 bytes refused as it is: four 60,000-byte names once held
+    // every service for minutes while the nearest were looked for.
+    EXPECT_EQ(unknown_name("method", std::string(128, 'B'), known).substr(0, 12), "no method \"B");
+    EXPECT_EQ(unknown_name("method", std::string(60000, 'B'), known), "no method of 60000 bytes (names have at most 128)");
 }
 
 }  // namespace
