@@ -497,7 +497,8 @@ Result Control::reply(const std::string &name, const std::vector<std::string> &t
     std::vector<Answer> answers;
     if (Result r = parse_answers(*m, texts, answers); r.code != Result::kDone)
         return r;
-    simulator_.queue(*m, std::move(answers));
+    if (std::string full = simulator_.queue(*m, std::move(answers)); !full.empty())
+        return {Result::kFailed, full};
     return {Result::kDone, m->name};
 }
 
