@@ -1,38 +1,11 @@
-// send_bytes claim | texts COUNT BYTES: what any process can send the
-// simulated device. claim: a SetEthinfo whose 24-byte record says its first
-// text is 768 MiB. texts: COUNT GetValue queries whose key and default are
-// BYTES bytes each. Exits 0 once every call was answered (served or refused).
+// send_bytes claim | texts COUNT BYTES, as any process could: a SetEthinfo
+// whose 24-byte record says its first text is 768 MiB; or COUNT GetValue
+// queries whose key and default are BYTES bytes each. Exits 0 once answered.
 #include <hmisvc/binder.h>
 
 #include <cstdlib>
-#include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
-
-namespace {
-
-int send(binder_connection *bs, uint32_t target, uint32_t code, const std::vector<std::string> &texts,
-         const std::string *block)
-{
-    std::size_t size = 64 + (block ? block->size() : 0);
-    for (const std::string &t : texts)
-        size += t.size() + 8;
-    std::vector<char> area(size);
-    binder_io msg, reply;
-    bio_init(&msg, area.data(), static_cast<uint32_t>(area.size()), 4);
-    bio_put_uint32(&msg, 0);
-    for (const std::string &t : texts)
-        bio_put_string(&msg, t.c_str());
-    if (block)
-        bio_put_mem(&msg, block->data(), static_cast<uint32_t>(block->size()));
-    if (binder_call(bs, &msg, &reply, target, code) != 0)
-        return 1;
-    binder_done(bs, &msg, &reply);
-    return 0;
-}
-
-} // namespace
 
 int main(int argc, char **argv)
 {
@@ -40,20 +13,23 @@ int main(int argc, char **argv)
     if (!(what == "claim" && argc == 2) && !(what == "texts" && argc == 4))
         return 2;
     binder_connection *bs = binder_open(4 * 1024 * 1024);
-    if (!bs)
-        return 1;
-    std::unique_ptr<binder_connection, void (*)(binder_connection *)> hold(bs, binder_close);
-    uint32_t target = svcmgr_lookup(bs, SVCMGR_HANDLE, what == "claim" ? "ethinfo" : "settings");
-    if (!target)
-        return 1;
-    if (what == "claim") {
-        std::string record(24, '\0');
-        record[3] = 0x30;  // 0x30000000 bytes, then 16 of them
-        return send(bs, target, 1, {}, &record);
+    uint32_t target = bs ? svcmgr_lookup(bs, SVCMGR_HANDLE, what == "claim" ? "ethinfo" : "settings") : 0;
+    const std::string text(what == "texts" ? std::strtoul(argv[3], nullptr, 10) : 0, 'x');
+    int failed = !target;
+    for (int i = 0, n = what == "claim" ? 1 : std::atoi(argv[2]); i < n && !failed; ++i) {
+        std::vector<char> area(2 * text.size() + 64);
+        binder_io msg, reply;
+        bio_init(&msg, area.data(), static_cast<uint32_t>(area.size()), 4);
+        bio_put_uint32(&msg, 0);
+        const char record[24] = {0, 0, 0, 0x30};  // 0x30000000 bytes, then 16 of them
+        if (what == "claim")
+            bio_put_mem(&msg, record, sizeof record);
+        for (const char *t : {"section", text.c_str(), text.c_str()})
+            if (what == "texts")
+                bio_put_string(&msg, t);
+        failed = binder_call(bs, &msg, &reply, target, what == "claim" ? 1 : 0) != 0;
+        if (!failed)
+            binder_done(bs, &msg, &reply);
     }
-    const std::string text(std::strtoul(argv[3], nullptr, 10), 'x');
-    for (int i = 0, n = std::atoi(argv[2]); i < n; ++i)
-        if (send(bs, target, 0, {"section", text, text}, nullptr) != 0)
-            return 1;
-    return 0;
+    return failed;  // the connection closes with the process
 }

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <tuple>
 
 namespace hmisvc::devsim {
 namespace {
@@ -96,14 +97,11 @@ TEST(CallLog, BoundedInBytesWithCutTextsMarked)
     for (int i = 0; i < 2000; ++i)
         log.add(call("system", "SetText", {big, "short"}), "app");
     EXPECT_LE(log.bytes(), 1024u * 1024);
-    EXPECT_GT(log.dropped(), 0u);
     EXPECT_EQ(log.dropped() + log.size(), 2000u);
     EXPECT_EQ(Json::parse(log.find({}).back())["args"],
               (Json{{{"cut", big.substr(0, CallLog::kTextBytes)}, {"bytes", 200000}}, "short"}));
 
-    Json many = Json::object();
-    for (int i = 0; i < 1000; ++i)
-        many["k" + std::to_string(i)] = "v";
+    const Json many(std::vector<std::string>(2000, "v"));
     log.add(call("broadcast", "Send", {many}), "app");
     log.add(call("system", "SetText", {std::string(CallLog::kTextBytes - 1, 'a') + "\u00e9"}), "app");
     auto last = log.find({});
@@ -118,12 +116,11 @@ TEST(CallLog, PagesBringOneCallAtLeast)
     fill(log);
     const std::size_t two = log.find({})[0].size() + log.find({})[1].size();
     bool more = false;
-    EXPECT_EQ(seqs(log.find({}, 1, &more)), (std::vector<uint64_t>{1}));
-    EXPECT_TRUE(more);
-    EXPECT_EQ(seqs(log.find({}, two, &more)), (std::vector<uint64_t>{1, 2}));
-    EXPECT_TRUE(more);
-    EXPECT_EQ(seqs(log.find({"", "", "", 3, std::nullopt}, two, &more)), (std::vector<uint64_t>{4, 5}));
-    EXPECT_FALSE(more);
+    for (auto [since, bytes, want, then] : {std::tuple{0, std::size_t{1}, std::vector<uint64_t>{1}, true},
+                                            {0, two, {1, 2}, true}, {3, two, {4, 5}, false}}) {
+        EXPECT_EQ(seqs(log.find({"", "", "", uint64_t(since), std::nullopt}, bytes, &more)), want);
+        EXPECT_EQ(more, then);
+    }
 }
 
 TEST(CallLog, Waits)
