@@ -1,5 +1,6 @@
 #include "peer.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 namespace peer {
@@ -15,6 +16,14 @@ int echo(binder_connection *, binder_transaction_data *txn, binder_io *msg, bind
         return 0;
     case ECHO_PID:
         bio_put_uint32(reply, static_cast<uint32_t>(getpid()));
+        return 0;
+    case ECHO_SENDER:
+        bio_put_uint32(reply, static_cast<uint32_t>(txn->sender_pid));
+        bio_put_uint32(reply, txn->sender_euid);
+        return 0;
+    case ECHO_DIE:
+        kill(getpid(), SIGKILL);
+        pause();
         return 0;
     default:
         return -3;

@@ -17,6 +17,8 @@ namespace peer {
 enum EchoCode : uint32_t {
     ECHO_ADD1 = 1,  // uint32 n -> n + 1
     ECHO_PID = 2,   // -> the service's process id
+    ECHO_SENDER = 3, // -> the caller's pid and euid as the driver gives them
+    ECHO_DIE = 4,    // the service is killed while it serves the call
 };
 
 // An echo service publishing itself under each of `names`, serving with
