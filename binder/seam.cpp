@@ -89,18 +89,50 @@ int connect_driver(const char *path)
     return fd;
 }
 
-// One request and its answer; `in` receives the answer's bytes after the
-// header. -1 with errno when the driver cannot be reached or refuses.
-int exchange(int fd, const std::vector<unsigned char> &out, std::vector<unsigned char> *in,
-             int *passed_fd = nullptr, uint64_t *value = nullptr)
+// Room for the pieces of one request: a write may carry this many
+// transactions (the library writes one at a time).
+constexpr int kMaxTransactions = 40;
+constexpr size_t kMaxArg = 256; // the driver's ioctl arguments are far smaller
+
+// The pieces of one request, gathered straight from the caller's memory:
+// nothing is copied or allocated on the way.
+struct Pieces {
+    iovec iov[3 + 3 * kMaxTransactions];
+    int count = 0;
+    seam::Request head{};
+    seam::Attachment attached[kMaxTransactions];
+    int transactions = 0;
+    void add(const void *p, size_t n)
+    {
+        iov[count++] = {const_cast<void *>(p), n};
+    }
+};
+
+// Where an answer goes: its header, the ioctl's argument, the bytes read.
+struct Landing {
+    seam::Answer head{};
+    void *arg = nullptr;
+    size_t arg_size = 0;
+    void *read = nullptr;
+    size_t read_room = 0;
+    size_t read_got = 0;
+    bool arg_back = false; // the answer held the argument
+    int passed_fd = -1;
+};
+
+// One request and its answer. -1 with errno when the driver cannot be
+// reached or refuses.
+int exchange(int fd, const Pieces &out, Landing &in)
 {
-    if (send(fd, out.data(), out.size(), MSG_NOSIGNAL) < 0)
-        return -1;
-    std::vector<unsigned char> buf(seam::kMaxPacket + 4096);
-    iovec iov{buf.data(), buf.size()};
     msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
+    msg.msg_iov = const_cast<iovec *>(out.iov);
+    msg.msg_iovlen = static_cast<size_t>(out.count);
+    if (sendmsg(fd, &msg, MSG_NOSIGNAL) < 0)
+        return -1;
+    iovec iov[3] = {{&in.head, sizeof in.head}, {in.arg, in.arg_size}, {in.read, in.read_room}};
+    msg = msghdr{};
+    msg.msg_iov = iov;
+    msg.msg_iovlen = 3;
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
     msg.msg_control = control;
     msg.msg_controllen = sizeof control;
@@ -108,60 +140,56 @@ int exchange(int fd, const std::vector<unsigned char> &out, std::vector<unsigned
     // A signal does not end the wait: the driver's answer is still to come.
     while ((got = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC)) < 0 && errno == EINTR) {
     }
-    if (got < static_cast<ssize_t>(sizeof(seam::Answer))) {
+    if (got < static_cast<ssize_t>(sizeof in.head)) {
         if (got >= 0)
             errno = ECONNRESET;
         return -1;
     }
     cmsghdr *c = CMSG_FIRSTHDR(&msg);
-    if (passed_fd && c && c->cmsg_type == SCM_RIGHTS)
-        std::memcpy(passed_fd, CMSG_DATA(c), sizeof(int));
-    seam::Answer a;
-    std::memcpy(&a, buf.data(), sizeof a);
-    if (in)
-        in->assign(buf.begin() + sizeof a, buf.begin() + got);
-    if (value)
-        *value = a.value;
-    if (a.error) {
-        errno = a.error;
+    if (c && c->cmsg_type == SCM_RIGHTS)
+        std::memcpy(&in.passed_fd, CMSG_DATA(c), sizeof(int));
+    const size_t rest = static_cast<size_t>(got) - sizeof in.head;
+    in.arg_back = in.arg_size && rest >= in.arg_size;
+    in.read_got = rest > in.arg_size ? rest - in.arg_size : 0;
+    if (in.head.error) {
+        errno = in.head.error;
         return -1;
     }
-    return a.result;
+    return in.head.result;
 }
 
-std::vector<unsigned char> request(uint32_t op, uint32_t code, uint64_t value)
+// A request of `op` without payload.
+int simple(int fd, uint32_t op, uint64_t value, Landing &in)
 {
-    seam::Request r{op, code, value};
-    std::vector<unsigned char> out(sizeof r);
-    std::memcpy(out.data(), &r, sizeof r);
-    return out;
+    Pieces out;
+    out.head = {op, 0, value};
+    out.add(&out.head, sizeof out.head);
+    return exchange(fd, out, in);
 }
 
-template <typename T>
-void append(std::vector<unsigned char> &out, const T *p, size_t n)
-{
-    const auto *bytes = reinterpret_cast<const unsigned char *>(p);
-    out.insert(out.end(), bytes, bytes + n);
-}
-
-// The unconsumed commands of a write, each transaction's data after them.
-void append_writes(std::vector<unsigned char> &out, const binder_write_read &bwr)
+// The unconsumed commands of a write, and after them the data and offsets
+// of each transaction among them. False when there are too many.
+bool add_writes(Pieces &out, const binder_write_read &bwr)
 {
     const auto *cmds = native_ptr<const unsigned char>(bwr.write_buffer) + bwr.write_consumed;
     const size_t n = static_cast<size_t>(bwr.write_size - bwr.write_consumed);
-    append(out, cmds, n);
+    out.add(cmds, n);
     for (size_t pos = 0; pos + sizeof(uint32_t) <= n;) {
         const auto cmd = read_at<uint32_t>(cmds + pos);
         pos += sizeof cmd;
         if ((cmd == BC_TRANSACTION || cmd == BC_REPLY) && pos + sizeof(binder_transaction_data) <= n) {
+            if (out.transactions == kMaxTransactions)
+                return false;
             const auto txn = read_at<binder_transaction_data>(cmds + pos);
-            const seam::Attachment a{txn.data_size, txn.offsets_size};
-            append(out, &a, sizeof a);
-            append(out, native_ptr<const unsigned char>(txn.data.ptr.buffer), txn.data_size);
-            append(out, native_ptr<const unsigned char>(txn.data.ptr.offsets), txn.offsets_size);
+            seam::Attachment &a = out.attached[out.transactions++];
+            a = {txn.data_size, txn.offsets_size};
+            out.add(&a, sizeof a);
+            out.add(native_ptr<const void>(txn.data.ptr.buffer), txn.data_size);
+            out.add(native_ptr<const void>(txn.data.ptr.offsets), txn.offsets_size);
         }
         pos += _IOC_SIZE(cmd);
     }
+    return true;
 }
 
 // The calling thread's connection to the process `fd` opened; -1 when `fd`
@@ -193,7 +221,8 @@ int thread_connection(int fd, bool *userspace)
             return e.fd;
     const char *path = std::getenv(seam::kSocketEnv);
     const int own = path ? connect_driver(path) : -1;
-    if (own < 0 || exchange(own, request(seam::kAttach, 0, token), nullptr) < 0) {
+    Landing in;
+    if (own < 0 || simple(own, seam::kAttach, token, in) < 0) {
         if (own >= 0)
             close(own);
         return -1;
@@ -238,13 +267,13 @@ void *seam_map(int fd, size_t size)
         if (!sessions.count(fd))
             return mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
     }
-    int memfd = -1;
-    uint64_t token = 0;
-    if (exchange(fd, request(seam::kOpen, 0, size), nullptr, &memfd, &token) < 0)
+    Landing opened;
+    if (simple(fd, seam::kOpen, size, opened) < 0)
         return MAP_FAILED;
+    const int memfd = opened.passed_fd;
     {
         std::lock_guard<std::mutex> hold(sessions_lock);
-        sessions[fd].token = token;
+        sessions[fd].token = opened.head.value;
     }
     void *map = mmap(nullptr, size, PROT_READ, MAP_SHARED, memfd, 0);
     const int error = errno;
@@ -253,7 +282,8 @@ void *seam_map(int fd, size_t size)
         errno = error;
         return MAP_FAILED;
     }
-    if (exchange(fd, request(seam::kMap, 0, reinterpret_cast<uintptr_t>(map)), nullptr) < 0) {
+    Landing mapped;
+    if (simple(fd, seam::kMap, reinterpret_cast<uintptr_t>(map), mapped) < 0) {
         const int failed = errno;
         munmap(map, size);
         errno = failed;
@@ -270,24 +300,36 @@ int seam_ioctl(int fd, unsigned long code, void *arg)
         return ioctl(fd, code, arg);
     if (own < 0)
         return -1;
-    std::vector<unsigned char> out = request(seam::kIoctl, static_cast<uint32_t>(code), 0);
     const size_t size = _IOC_SIZE(code);
+    if (size > kMaxArg) {
+        errno = EINVAL;
+        return -1;
+    }
+    Pieces out;
+    out.head = {seam::kIoctl, static_cast<uint32_t>(code), 0};
+    out.add(&out.head, sizeof out.head);
     if ((_IOC_DIR(code) & _IOC_WRITE) && arg)
-        append(out, static_cast<unsigned char *>(arg), size);
-    if (code == BINDER_WRITE_READ && arg)
-        append_writes(out, *static_cast<binder_write_read *>(arg));
-    const binder_size_t read_from =
-        code == BINDER_WRITE_READ && arg ? static_cast<binder_write_read *>(arg)->read_consumed : 0;
-    std::vector<unsigned char> in;
-    const int res = exchange(own, out, &in);
-    if (!in.empty() && (_IOC_DIR(code) & _IOC_READ) && arg && in.size() >= size) {
+        out.add(arg, size);
+    auto *bwr = code == BINDER_WRITE_READ ? static_cast<binder_write_read *>(arg) : nullptr;
+    if (bwr && !add_writes(out, *bwr)) {
+        errno = E2BIG;
+        return -1;
+    }
+    // The argument comes back beside it; the bytes read land in place.
+    alignas(8) unsigned char back[kMaxArg];
+    Landing in;
+    if ((_IOC_DIR(code) & _IOC_READ) && arg) {
+        in.arg = back;
+        in.arg_size = size;
+    }
+    if (bwr && bwr->read_size > bwr->read_consumed) {
+        in.read = native_ptr<unsigned char>(bwr->read_buffer) + bwr->read_consumed;
+        in.read_room = static_cast<size_t>(bwr->read_size - bwr->read_consumed);
+    }
+    const int res = exchange(own, out, in);
+    if (in.arg_back) {
         const int saved = errno;
-        std::memcpy(arg, in.data(), size);
-        if (code == BINDER_WRITE_READ) {
-            auto *bwr = static_cast<binder_write_read *>(arg);
-            std::memcpy(native_ptr<unsigned char>(bwr->read_buffer) + read_from, in.data() + size,
-                        in.size() - size);
-        }
+        std::memcpy(arg, back, size);
         errno = saved;
     }
     return res;
