@@ -167,16 +167,47 @@ int simple(int fd, uint32_t op, uint64_t value, Landing &in)
     return exchange(fd, out, in);
 }
 
+// Commands whose write the driver always takes whole, without an error.
+bool never_fails(uint32_t cmd)
+{
+    switch (cmd) {
+    case BC_TRANSACTION:
+    case BC_REPLY:
+    case BC_FREE_BUFFER:
+    case BC_ACQUIRE:
+    case BC_RELEASE:
+    case BC_ENTER_LOOPER:
+    case BC_REQUEST_DEATH_NOTIFICATION:
+    case _IOW('c', 4, uint32_t):                           // BC_INCREFS
+    case _IOW('c', 7, uint32_t):                           // BC_DECREFS
+    case _IOW('c', 8, binder_ptr_cookie):                  // BC_INCREFS_DONE
+    case _IOW('c', 9, binder_ptr_cookie):                  // BC_ACQUIRE_DONE
+    case _IO('c', 11):                                     // BC_REGISTER_LOOPER
+    case _IO('c', 13):                                     // BC_EXIT_LOOPER
+    case _IOW('c', 15, char[sizeof(uint32_t) + sizeof(binder_uintptr_t)]): // BC_CLEAR_DEATH_NOTIFICATION
+    case _IOW('c', 16, binder_uintptr_t):                  // BC_DEAD_BINDER_DONE
+        return true;
+    default:
+        return false;
+    }
+}
+
 // The unconsumed commands of a write, and after them the data and offsets
-// of each transaction among them. False when there are too many.
-bool add_writes(Pieces &out, const binder_write_read &bwr)
+// of each transaction among them. False when there are too many. `posted`
+// tells whether the write cannot fail (see kPosted).
+bool add_writes(Pieces &out, const binder_write_read &bwr, bool *posted)
 {
     const auto *cmds = native_ptr<const unsigned char>(bwr.write_buffer) + bwr.write_consumed;
     const size_t n = static_cast<size_t>(bwr.write_size - bwr.write_consumed);
     out.add(cmds, n);
+    *posted = bwr.read_size <= bwr.read_consumed;
     for (size_t pos = 0; pos + sizeof(uint32_t) <= n;) {
         const auto cmd = read_at<uint32_t>(cmds + pos);
         pos += sizeof cmd;
+        // A failed transaction stops the write: only the last may be posted.
+        if (!never_fails(cmd) || pos + _IOC_SIZE(cmd) > n ||
+            ((cmd == BC_TRANSACTION || cmd == BC_REPLY) && pos + _IOC_SIZE(cmd) < n))
+            *posted = false;
         if ((cmd == BC_TRANSACTION || cmd == BC_REPLY) && pos + sizeof(binder_transaction_data) <= n) {
             if (out.transactions == kMaxTransactions)
                 return false;
@@ -311,9 +342,20 @@ int seam_ioctl(int fd, unsigned long code, void *arg)
     if ((_IOC_DIR(code) & _IOC_WRITE) && arg)
         out.add(arg, size);
     auto *bwr = code == BINDER_WRITE_READ ? static_cast<binder_write_read *>(arg) : nullptr;
-    if (bwr && !add_writes(out, *bwr)) {
+    bool posted = false;
+    if (bwr && !add_writes(out, *bwr, &posted)) {
         errno = E2BIG;
         return -1;
+    }
+    if (posted && bwr->write_size > bwr->write_consumed) {
+        out.head.value = seam::kPosted;
+        msghdr msg{};
+        msg.msg_iov = out.iov;
+        msg.msg_iovlen = static_cast<size_t>(out.count);
+        if (sendmsg(own, &msg, MSG_NOSIGNAL) < 0)
+            return -1;
+        bwr->write_consumed = bwr->write_size;
+        return 0;
     }
     // The argument comes back beside it; the bytes read land in place.
     alignas(8) unsigned char back[kMaxArg];

@@ -61,7 +61,7 @@ private:
     void answer(int fd, int error, int result, uint64_t value = 0, const void *extra = nullptr,
                 size_t extra_size = 0, int pass_fd = -1);
     void open(int fd, const ucred &cred, uint64_t size);
-    void ioctl(Thread &t, uint32_t request, Reader in);
+    void ioctl(Thread &t, uint32_t request, bool posted, Reader in);
     int write(Thread &t, Reader &in, P &consumed, P size);
     void read(Thread &t);
     void transact(Thread &t, const TxnData &d, const unsigned char *data,
@@ -119,8 +119,8 @@ void Engine<P>::packet(int fd, const ucred &cred, const unsigned char *data, siz
         return answer(fd, 0, 0);
     case seam::kIoctl:
         if (!t)
-            return answer(fd, EBADF, -1);
-        return ioctl(*t, req.request, in);
+            return req.value == seam::kPosted ? hangup(fd) : answer(fd, EBADF, -1);
+        return ioctl(*t, req.request, req.value == seam::kPosted, in);
     default:
         return answer(fd, EINVAL, -1);
     }
@@ -173,7 +173,7 @@ void Engine<P>::hangup(int fd)
 }
 
 template <typename P>
-void Engine<P>::ioctl(Thread &t, uint32_t request, Reader in)
+void Engine<P>::ioctl(Thread &t, uint32_t request, bool posted, Reader in)
 {
     Proc &p = *t.proc;
     uint32_t word = 0;
@@ -181,6 +181,11 @@ void Engine<P>::ioctl(Thread &t, uint32_t request, Reader in)
         WriteRead bwr;
         if (!in.take(&bwr, sizeof bwr))
             return answer(t.fd, EFAULT, -1);
+        if (posted) {
+            // The caller did not wait: it checked that this write cannot fail.
+            write(t, in, bwr.write_consumed, bwr.write_size);
+            return;
+        }
         if (bwr.write_size > bwr.write_consumed) {
             const int error = write(t, in, bwr.write_consumed, bwr.write_size);
             if (error) {
