@@ -66,7 +66,7 @@ private:
     void read(Thread &t);
     void transact(Thread &t, const TxnData &d, const unsigned char *data,
                   const unsigned char *offsets, bool reply);
-    bool translate(Proc &from, Proc &to, unsigned char *data, uint64_t data_size,
+    bool translate(Thread &sender, Proc &to, unsigned char *data, uint64_t data_size,
                    const unsigned char *offsets, uint64_t count, Buffer &buffer);
     void refcount(Proc &p, uint32_t cmd, uint32_t handle);
     void death(Thread &t, uint32_t cmd, uint32_t handle, uint64_t cookie);
@@ -423,7 +423,7 @@ void Engine<P>::transact(Thread &t, const TxnData &d, const unsigned char *data,
     std::memcpy(dst, data, d.data_size);
     std::memcpy(dst + data_room, offsets, d.offsets_size);
     Buffer &buffer = target->buffers[*offset];
-    if (!translate(me, *target, dst, d.data_size, dst + data_room, d.offsets_size / sizeof(P),
+    if (!translate(t, *target, dst, d.data_size, dst + data_room, d.offsets_size / sizeof(P),
                    buffer)) {
         free_buffer(*target, *offset);
         return fail(kFailedReply);
@@ -468,9 +468,10 @@ void Engine<P>::transact(Thread &t, const TxnData &d, const unsigned char *data,
 }
 
 template <typename P>
-bool Engine<P>::translate(Proc &from, Proc &to, unsigned char *data, uint64_t data_size,
+bool Engine<P>::translate(Thread &sender, Proc &to, unsigned char *data, uint64_t data_size,
                           const unsigned char *offsets, uint64_t count, Buffer &buffer)
 {
+    Proc &from = *sender.proc;
     uint64_t min_offset = 0;
     for (uint64_t i = 0; i < count; ++i) {
         const uint64_t at = load<P>(offsets + i * sizeof(P));
@@ -482,9 +483,12 @@ bool Engine<P>::translate(Proc &from, Proc &to, unsigned char *data, uint64_t da
         std::shared_ptr<Node> node;
         if (obj.type == kTypeBinder || obj.type == kTypeWeakBinder) {
             auto &slot = from.nodes[obj.binder];
-            if (!slot)
+            if (!slot) {
                 slot = std::make_shared<Node>(&from, obj.binder, obj.cookie);
-            else if (slot->cookie != obj.cookie)
+                // Its owner learns that it is referenced now.
+                for (WorkKind kind : {WorkKind::Increfs, WorkKind::Acquire})
+                    queue_thread(sender, Work{kind, nullptr, 0, obj.cookie, obj.binder});
+            } else if (slot->cookie != obj.cookie)
                 return false;
             node = slot;
         } else if (obj.type == kTypeHandle || obj.type == kTypeWeakHandle) {
@@ -524,6 +528,9 @@ size_t Engine<P>::encoded_size(const Work &w)
     case WorkKind::DeadBinder:
     case WorkKind::ClearDeathDone:
         return 4 + sizeof(P);
+    case WorkKind::Increfs:
+    case WorkKind::Acquire:
+        return 4 + 2 * sizeof(P);
     default:
         return 4;
     }
@@ -543,6 +550,11 @@ size_t Engine<P>::encode(Thread &t, const Work &w, unsigned char *out)
     case WorkKind::ClearDeathDone:
         store(out, w.kind == WorkKind::DeadBinder ? W::BR_DEAD_BINDER : W::BR_CLEAR_DEATH_DONE);
         store(out + 4, static_cast<P>(w.cookie));
+        break;
+    case WorkKind::Increfs:
+    case WorkKind::Acquire:
+        store(out, w.kind == WorkKind::Increfs ? W::BR_INCREFS : W::BR_ACQUIRE);
+        store(out + 4, typename W::PtrCookie{static_cast<P>(w.ptr), static_cast<P>(w.cookie)});
         break;
     case WorkKind::Txn: {
         Txn &x = *w.txn;

@@ -26,17 +26,21 @@ struct Txn;
 constexpr uint32_t kDeadReply = io('r', 5);
 constexpr uint32_t kFailedReply = io('r', 17);
 
-enum class WorkKind { Txn, Complete, Error, DeadBinder, ClearDeathDone };
+// Increfs and Acquire tell a process that one of its objects is referenced
+// from elsewhere for the first time.
+enum class WorkKind { Txn, Complete, Error, DeadBinder, ClearDeathDone, Increfs, Acquire };
 
 struct Work {
-    explicit Work(WorkKind k, std::shared_ptr<Txn> t = {}, uint32_t e = 0, uint64_t c = 0)
-        : kind(k), txn(std::move(t)), error(e), cookie(c)
+    explicit Work(WorkKind k, std::shared_ptr<Txn> t = {}, uint32_t e = 0, uint64_t c = 0,
+                  uint64_t p = 0)
+        : kind(k), txn(std::move(t)), error(e), cookie(c), ptr(p)
     {
     }
     WorkKind kind;
     std::shared_ptr<Txn> txn;
     uint32_t error;  // WorkKind::Error: kDeadReply or kFailedReply
-    uint64_t cookie; // death notifications
+    uint64_t cookie; // death notifications; a node's cookie
+    uint64_t ptr;    // a node's pointer
 };
 
 struct Node {

@@ -95,6 +95,8 @@ struct Protocol {
     static constexpr uint32_t BR_REPLY = ior('r', 3, sizeof(TxnData));
     static constexpr uint32_t BR_DEAD_REPLY = io('r', 5);
     static constexpr uint32_t BR_TRANSACTION_COMPLETE = io('r', 6);
+    static constexpr uint32_t BR_INCREFS = ior('r', 7, sizeof(PtrCookie));
+    static constexpr uint32_t BR_ACQUIRE = ior('r', 8, sizeof(PtrCookie));
     static constexpr uint32_t BR_NOOP = io('r', 12);
     static constexpr uint32_t BR_SPAWN_LOOPER = io('r', 13);
     static constexpr uint32_t BR_DEAD_BINDER = ior('r', 15, sizeof(P));

@@ -11,9 +11,11 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -21,6 +23,11 @@ namespace {
 using Words = std::vector<uint32_t>;
 
 binder_uintptr_t ptr_of(const void *p) { return reinterpret_cast<uintptr_t>(p); }
+template <class T>
+T *native_ptr(binder_uintptr_t p)
+{
+    return reinterpret_cast<T *>(static_cast<uintptr_t>(p));
+}
 
 // A block of commands; the data its transactions point to lives with it.
 class Block {
@@ -284,6 +291,99 @@ TEST(DriverDeath, DyingServerGivesDeadReplyAndDeathNotices)
     Block again;
     again.txn(BC_TRANSACTION, handle, peer::ECHO_ADD1, 0, payload(4));
     EXPECT_EQ(outcome_of(bs.get(), again).returns, Words{BR_DEAD_REPLY});
+}
+
+}  // namespace
+
+namespace {
+
+// Threads sharing one connection each get their own replies: the driver
+// tells the calling threads apart.
+TEST_F(DriverFaults, ThreadsSharingAConnectionGetTheirOwnReplies)
+{
+    constexpr uint32_t kThreads = 4, kCalls = 300;
+    std::vector<std::thread> threads;
+    std::atomic<uint32_t> wrong{0};
+    for (uint32_t t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            for (uint32_t i = 0; i < kCalls; ++i) {
+                const uint32_t arg = t * 1000000 + i;
+                char area[64];
+                binder_io msg, reply;
+                bio_init(&msg, area, sizeof area, 4);
+                bio_put_uint32(&msg, arg);
+                if (binder_call(bs.get(), &msg, &reply, handle, peer::ECHO_ADD1) != 0) {
+                    ++wrong;
+                    continue;
+                }
+                if (bio_get_uint32(&reply) != arg + 1)
+                    ++wrong;
+                binder_done(bs.get(), &msg, &reply);
+            }
+        });
+    for (auto &t : threads)
+        t.join();
+    EXPECT_EQ(wrong.load(), 0u);
+}
+
+// A service that, while serving our call, calls an object of ours: the
+// call comes to the thread that waits for the service, which answers it
+// and then gets the service's reply.
+TEST_F(DriverFaults, NestedCallComesBackToTheWaitingThread)
+{
+    static int object;
+    std::vector<unsigned char> data(sizeof(flat_binder_object));
+    flat_binder_object obj{};
+    obj.type = BINDER_TYPE_BINDER;
+    obj.flags = 0x17f;
+    obj.binder = ptr_of(&object);
+    std::memcpy(data.data(), &obj, sizeof obj);
+    Block call;
+    call.txn(BC_TRANSACTION, handle, peer::ECHO_NEST, 0, data, {0});
+
+    binder_write_read bwr{};
+    bwr.write_size = call.bytes.size();
+    bwr.write_buffer = ptr_of(call.bytes.data());
+    Words seen;
+    uint32_t answered = 0;
+    Block reply; // our answer to the nested call, kept until written
+    for (int pass = 0; pass < 64 && !answered; ++pass) {
+        alignas(8) unsigned char buf[256];
+        bwr.read_size = sizeof buf;
+        bwr.read_consumed = 0;
+        bwr.read_buffer = ptr_of(buf);
+        ASSERT_EQ(binder_ioctl(bs.get(), BINDER_WRITE_READ, &bwr), 0) << strerror(errno);
+        for (size_t pos = 0; pos + 4 <= bwr.read_consumed;) {
+            uint32_t cmd;
+            std::memcpy(&cmd, buf + pos, 4);
+            pos += 4;
+            if (cmd != BR_NOOP)
+                seen.push_back(cmd);
+            binder_transaction_data t{};
+            if (cmd == BR_TRANSACTION || cmd == BR_REPLY)
+                std::memcpy(&t, buf + pos, sizeof t);
+            pos += _IOC_SIZE(cmd);
+            if (cmd == BR_TRANSACTION) {
+                EXPECT_EQ(t.target.ptr, ptr_of(&object));
+                EXPECT_EQ(t.code, peer::ECHO_ADD1);
+                reply = Block();
+                reply.put(uint32_t{BC_FREE_BUFFER}).put(t.data.ptr.buffer);
+                reply.txn(BC_REPLY, 0, 0, 0, payload(4, 41));
+                bwr.write_buffer = ptr_of(reply.bytes.data());
+                bwr.write_size = reply.bytes.size();
+                bwr.write_consumed = 0;
+            } else if (cmd == BR_REPLY) {
+                std::memcpy(&answered, native_ptr<const void>(t.data.ptr.buffer), 4);
+                Block free_it;
+                free_it.put(uint32_t{BC_FREE_BUFFER}).put(t.data.ptr.buffer);
+                binder_write(bs.get(), free_it.bytes.data(), free_it.bytes.size());
+            }
+        }
+    }
+    // First the driver says that our object is referenced now.
+    EXPECT_EQ(seen, (Words{BR_INCREFS, BR_ACQUIRE, BR_TRANSACTION_COMPLETE, BR_TRANSACTION,
+                           BR_TRANSACTION_COMPLETE, BR_REPLY}));
+    EXPECT_EQ(answered, 41u);
 }
 
 }  // namespace
