@@ -61,7 +61,12 @@ int main(int argc, char **argv)
     app.add_option("--protocol", bits, "Protocol width: 64, or 32 (the device's)")
         ->check(CLI::IsMember({32, 64}));
     app.add_option("command", command, "Command to run against this driver (after --)");
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        // --help is no error; any other bad usage is status 2.
+        return app.exit(e) == 0 ? 0 : 2;
+    }
     if (socket.empty() && command.empty()) {
         std::fprintf(stderr, "hmisvc-binderd: give --socket, a command, or both\n");
         return 2;
