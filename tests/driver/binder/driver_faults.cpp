@@ -387,3 +387,57 @@ TEST_F(DriverFaults, NestedCallComesBackToTheWaitingThread)
 }
 
 }  // namespace
+
+namespace {
+
+// Our object sent to another process arrives there as a handle; that handle
+// sent back to us arrives as our object again.
+TEST_F(DriverFaults, OwnObjectComesBackAsTheObject)
+{
+    static int object;
+    char area[128];
+    binder_io msg, reply;
+    bio_init(&msg, area, sizeof area, 4);
+    bio_put_obj(&msg, &object);
+    ASSERT_EQ(binder_call(bs.get(), &msg, &reply, handle, peer::ECHO_BOUNCE), 0);
+    ASSERT_EQ(reply.data_left, sizeof(flat_binder_object));
+    flat_binder_object back;
+    std::memcpy(&back, reply.data_start, sizeof back);
+    EXPECT_EQ(back.type, BINDER_TYPE_BINDER);
+    EXPECT_EQ(back.binder, ptr_of(&object));
+    binder_done(bs.get(), &msg, &reply);
+}
+
+struct IoctlCase {
+    const char *what;
+    unsigned long request;
+    int32_t arg;
+    int error;        // errno, or 0
+    int32_t returned; // what the argument holds after a successful call
+};
+
+class DriverIoctl : public ::testing::TestWithParam<IoctlCase> {};
+
+TEST_P(DriverIoctl, AnswersAsTheKernel)
+{
+    peer::Connection bs(binder_open(4096));
+    ASSERT_NE(bs, nullptr);
+    IoctlCase c = GetParam();
+    const int res = binder_ioctl(bs.get(), c.request, &c.arg);
+    EXPECT_EQ(res < 0 ? errno : 0, c.error);
+    if (!c.error) {
+        EXPECT_EQ(c.arg, c.returned);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Driver, DriverIoctl,
+    ::testing::Values(
+        IoctlCase{"Version", BINDER_VERSION, 0, 0, sizeof(binder_uintptr_t) == 4 ? 7 : 8},
+        IoctlCase{"MaxThreads", _IOW('b', 5, uint32_t), 4, 0, 4},
+        // The service manager of these tests holds it.
+        IoctlCase{"SecondContextManager", BINDER_SET_CONTEXT_MGR, 0, EBUSY, 0},
+        IoctlCase{"UnknownRequest", _IOWR('b', 60, int32_t), 0, EINVAL, 0}),
+    [](const auto &info) { return std::string(info.param.what); });
+
+}  // namespace

@@ -33,6 +33,13 @@ int echo(binder_connection *bs, binder_transaction_data *txn, binder_io *msg, bi
         binder_done(bs, &ask, &answer);
         return 0;
     }
+    case ECHO_BOUNCE: {
+        // Held past the request's buffer, which the reply gives back first.
+        const uint32_t handle = bio_get_ref(msg);
+        binder_acquire(bs, handle);
+        bio_put_ref(reply, handle);
+        return 0;
+    }
     case ECHO_DIE:
         kill(getpid(), SIGKILL);
         pause();
