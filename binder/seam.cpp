@@ -399,3 +399,14 @@ extern "C" int binder_ioctl(binder_connection *bs, unsigned long request, void *
 {
     return hmisvc::binder::seam_ioctl(bs->fd, request, arg);
 }
+
+extern "C" int binder_driver_reachable(void)
+{
+    using namespace hmisvc::binder;
+    const char *path = std::getenv(seam::kSocketEnv);
+    const int fd = path && *path ? connect_driver(path) : open("/dev/binder", O_RDWR | O_CLOEXEC);
+    if (fd < 0)
+        return 0;
+    close(fd);
+    return 1;
+}

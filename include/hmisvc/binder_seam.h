@@ -16,6 +16,9 @@ extern "C" {
 
 /** ioctl(@p bs's descriptor, @p request, @p arg), made for the calling thread. */
 HMISVC_API int binder_ioctl(struct binder_connection *bs, unsigned long request, void *arg);
+/** Whether binder_open() would reach a driver: /dev/binder opens read-write,
+ * or the userspace driver's socket accepts. Asked silently. */
+HMISVC_API int binder_driver_reachable(void);
 
 #ifdef __cplusplus
 }
