@@ -441,3 +441,4 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto &info) { return std::string(info.param.what); });
 
 }  // namespace
+
