@@ -18,6 +18,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -120,6 +121,24 @@ struct Landing {
     int passed_fd = -1;
 };
 
+// Runs `io` until it succeeds or fails for good. Neither a signal nor a
+// connection its owner made non-blocking ends the wait: the answer to a
+// request is still to come, and the next request must not take it.
+template <typename Io>
+bool wait_for(int fd, short event, Io io)
+{
+    for (;;) {
+        if (io() >= 0)
+            return true;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            pollfd p{fd, event, 0};
+            poll(&p, 1, -1);
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+}
+
 // One request and its answer. -1 with errno when the driver cannot be
 // reached or refuses.
 int exchange(int fd, const Pieces &out, Landing &in)
@@ -127,7 +146,7 @@ int exchange(int fd, const Pieces &out, Landing &in)
     msghdr msg{};
     msg.msg_iov = const_cast<iovec *>(out.iov);
     msg.msg_iovlen = static_cast<size_t>(out.count);
-    if (sendmsg(fd, &msg, MSG_NOSIGNAL) < 0)
+    if (!wait_for(fd, POLLOUT, [&] { return sendmsg(fd, &msg, MSG_NOSIGNAL); }))
         return -1;
     iovec iov[3] = {{&in.head, sizeof in.head}, {in.arg, in.arg_size}, {in.read, in.read_room}};
     msg = msghdr{};
@@ -136,10 +155,8 @@ int exchange(int fd, const Pieces &out, Landing &in)
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
     msg.msg_control = control;
     msg.msg_controllen = sizeof control;
-    ssize_t got;
-    // A signal does not end the wait: the driver's answer is still to come.
-    while ((got = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC)) < 0 && errno == EINTR) {
-    }
+    ssize_t got = -1;
+    wait_for(fd, POLLIN, [&] { return got = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC); });
     if (got < static_cast<ssize_t>(sizeof in.head)) {
         if (got >= 0)
             errno = ECONNRESET;
@@ -352,7 +369,7 @@ int seam_ioctl(int fd, unsigned long code, void *arg)
         msghdr msg{};
         msg.msg_iov = out.iov;
         msg.msg_iovlen = static_cast<size_t>(out.count);
-        if (sendmsg(own, &msg, MSG_NOSIGNAL) < 0)
+        if (!wait_for(own, POLLOUT, [&] { return sendmsg(own, &msg, MSG_NOSIGNAL); }))
             return -1;
         bwr->write_consumed = bwr->write_size;
         return 0;
