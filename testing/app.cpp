@@ -69,6 +69,7 @@ std::size_t children(pid_t *out, std::size_t max)
     for (int s : {SIGCHLD, SIGTERM, SIGINT, SIGHUP})
         sigaddset(&handled, s);
     sigprocmask(SIG_BLOCK, &handled, &before);
+    signal(SIGCHLD, SIG_DFL);  // ignored, the kernel would reap for it
     // Whatever becomes of what the application starts comes back to it.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     prctl(PR_SET_PDEATHSIG, SIGTERM);

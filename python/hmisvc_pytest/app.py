@@ -70,6 +70,9 @@ class App:
                 [sys.executable, "-I", "-S", _SUPERVISE, str(os.getpid()), str(reports_w), "--", *argv],
                 env=env, cwd=cwd, stdin=subprocess.PIPE, stdout=channels["out"][1],
                 stderr=channels["err"][1], pass_fds=(reports_w,), start_new_session=True)
+        except BaseException:
+            os.close(reports)
+            raise
         finally:
             for _, write_end in channels.values():
                 os.close(write_end)

@@ -34,6 +34,7 @@ def status_of(code, signal_number=0):
 def main():
     runner, reports, argv = int(sys.argv[1]), int(sys.argv[2]), sys.argv[4:]
     before = signal.pthread_sigmask(signal.SIG_BLOCK, HANDLED)
+    signal.signal(signal.SIGCHLD, signal.SIG_DFL)  # ignored, the kernel would reap for it
     libc = ctypes.CDLL(None, use_errno=True)
     libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
     libc.prctl(PR_SET_PDEATHSIG, signal.SIGTERM, 0, 0, 0)

@@ -58,8 +58,8 @@ bool ends(pid_t pid)
     return !alive(pid);
 }
 
-// Failures a call adds, caught; their messages.
-template <typename Call> std::vector<std::string> failures_of(Call call)
+// Failures a call adds, caught; their messages. THROWN: whether it threw Refused.
+template <typename Call> std::vector<std::string> failures_of(Call call, bool *thrown = nullptr)
 {
     ::testing::TestPartResultArray failures;
     {
@@ -68,6 +68,8 @@ template <typename Call> std::vector<std::string> failures_of(Call call)
         try {
             call();
         } catch (const Refused &) {
+            if (thrown)
+                *thrown = true;
         }
     }
     std::vector<std::string> messages;
@@ -191,21 +193,12 @@ TEST_F(Fixture, WrongNamesFailTheTestWithTheSimulatorsWords)
         {"wait", [](hmisvc::testing::Device &d) { d.waitForCall("SetBrightnes"); }, "SetBrightness"},
     };
     for (const Case &c : cases) {
-        ::testing::TestPartResultArray failures;
         bool thrown = false;
-        {
-            ::testing::ScopedFakeTestPartResultReporter catcher(
-                ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
-            try {
-                c.call(device);
-            } catch (const Refused &) {
-                thrown = true;
-            }
-        }
+        auto failures = failures_of([&] { c.call(device); }, &thrown);
         EXPECT_TRUE(thrown) << c.what;
-        ASSERT_EQ(failures.size(), 1) << c.what;
+        ASSERT_EQ(failures.size(), 1u) << c.what;
         // The nearest known names follow the wrong one.
-        const std::string message = failures.GetTestPartResult(0).message();
+        const std::string &message = failures[0];
         const std::size_t nearest = message.find("nearest: ");
         EXPECT_NE(nearest, std::string::npos) << c.what << ": " << message;
         EXPECT_NE(message.find(c.named, nearest), std::string::npos) << c.what << ": " << message;
@@ -222,14 +215,9 @@ TEST(App, ReadsFeedsAndShowsAllItPrinted)
     EXPECT_TRUE(app.expect("to-err"));
     app.send("ping\n");
     EXPECT_TRUE(app.expect("got:ping"));
-    ::testing::TestPartResultArray failures;
-    {
-        ::testing::ScopedFakeTestPartResultReporter catcher(
-            ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
-        EXPECT_FALSE(app.expect("to-err", 600));  // matched once already
-    }
-    ASSERT_EQ(failures.size(), 1);
-    const std::string message = failures.GetTestPartResult(0).message();
+    auto failures = failures_of([&] { EXPECT_FALSE(app.expect("to-err", 600)); });  // matched once already
+    ASSERT_EQ(failures.size(), 1u);
+    const std::string &message = failures[0];
     EXPECT_NE(message.find("it ended"), std::string::npos) << message;
     EXPECT_NE(message.find("| to-out"), std::string::npos) << message;
     EXPECT_EQ(app.stop(), 3);
