@@ -6,6 +6,7 @@
 
 #include <gtest/gtest-spi.h>
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -44,9 +45,15 @@ class Fixture : public hmisvc::testing::DeviceTest {};
 // Running, not a zombie waiting for its parent.
 bool alive(pid_t pid)
 {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    return !text.empty() && text[text.rfind(')') + 2] != 'Z';
+    char stat[512];
+    int fd = open(("/proc/" + std::to_string(pid) + "/stat").c_str(), O_RDONLY);
+    ssize_t n = fd < 0 ? -1 : read(fd, stat, sizeof stat - 1);  // fails once it ended
+    if (fd >= 0)
+        close(fd);
+    if (n <= 0)
+        return false;
+    const std::string text(stat, n);
+    return text[text.rfind(')') + 2] != 'Z';
 }
 
 // Ends on the pid's end; the bound is a failsafe.
