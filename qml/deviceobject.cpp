@@ -77,7 +77,7 @@ ServiceOptions DeviceObject::options()
     ServiceOptions options;
     options.callLimit = std::chrono::milliseconds(timeLimit_);
     options.lookupLimit = std::min(options.lookupLimit, options.callLimit);
-    // On a worker or the watch thread; never after the handle is gone.
+    // On a lane's thread or the watch thread; never after the handle is gone.
     options.onStateChange = [this](ServiceChange change) {
         const QString status = QString::fromUtf8(serviceStateName(change.state()));
         QMetaObject::invokeMethod(this, [this, status] { setStatus(status); }, Qt::QueuedConnection);

@@ -28,8 +28,8 @@ namespace hmisvc::qml {
 /// The properties and methods every type of the module has (not made in
 /// QML itself).
 ///
-/// Every call goes through an hmisvc::Service with a time limit, on its
-/// worker; the answer comes back to the GUI thread and updates the
+/// Every call goes through an hmisvc::Service with a time limit, on a thread
+/// the process shares per service name; the answer comes back to the GUI thread and updates the
 /// properties, which keep the last answer. Nothing waits on the GUI thread,
 /// also when a service hangs. The services push nothing: refresh() asks
 /// again, refreshInterval does so on a timer. A type whose service is not
@@ -95,7 +95,7 @@ protected:
     /// The first refresh, once the page set the properties.
     void componentComplete() override;
 
-    /// Calls @p method with @p args on a worker; on the GUI thread, sets
+    /// Calls @p method with @p args off the GUI thread; on it, sets
     /// lastError from the outcome and calls `done(result, args...)` (the
     /// arguments as the call left them: out-parameters) unless this object
     /// was destroyed first.

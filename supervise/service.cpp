@@ -1,6 +1,10 @@
 // The supervised handle's state: one proxy at a time, replaced after the
-// service died or a call failed in the driver; a fixed set of workers for
-// calls with a time limit.
+// service died or a call failed in the driver. Calls with a time limit run
+// on threads the process shares, a few per service name: binder cannot
+// cancel a transaction, so a hung service holds the threads its calls are
+// on until it answers; keeping them per name and few bounds what any number
+// of handles, made and destroyed while it hangs, can hold, and keeps one
+// hung service from holding up the others.
 #include <hmisvc/service.h>
 
 #include "supervise/watch.h"
@@ -9,7 +13,7 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <deque>
+#include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -34,19 +38,58 @@ namespace detail {
 namespace {
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kPoll{10};
-
+// Threads of a service name's lane, unless a handle on it asks for more
+// workers; never more than kMostLaneThreads.
+constexpr unsigned kLaneThreads = 2;
+constexpr unsigned kMostLaneThreads = 8;
 } // namespace
+
+// One service name's limited calls, in the order they were made, and the
+// threads that run them; kept for the process.
+struct Lane {
+    std::map<std::uint64_t, std::shared_ptr<Job>> queue; // by sequence number
+    std::condition_variable work;
+    unsigned size = kLaneThreads;
+    unsigned threads = 0, busy = 0;
+};
+
+// What every handle of the process shares, under one lock: the lanes, the
+// asynchronous calls' deadlines and the state of every job.
+struct Shared {
+    std::mutex mutex;
+    std::condition_variable finished; // a job ran
+    std::condition_variable timer;    // an earlier deadline
+    std::map<std::string, Lane> lanes;
+    std::map<std::pair<Clock::time_point, std::uint64_t>, std::shared_ptr<Job>> deadlines;
+    std::uint64_t jobs = 0;
+    bool timing = false;
+
+    // Under the lock: the timer thread learns of `job`'s deadline.
+    void expect(const std::shared_ptr<Job> &job);
+};
+
+// Never freed: its threads run for the process.
+Shared &shared()
+{
+    static Shared *const s = new Shared;
+    return *s;
+}
 
 Job::~Job() = default;
 void Job::deliver(Outcome) {}
 void Job::abandon() {}
 
 class ServiceCore : public DeathListener, public std::enable_shared_from_this<ServiceCore> {
+    friend struct Shared;
+
 public:
     ServiceCore(std::string name, ServiceOptions options)
         : name_(std::move(name)), options_(std::move(options)), watch_(Watcher::instance().watch(name_))
     {
         options_.workers = std::max(1u, options_.workers);
+        std::lock_guard<std::mutex> lock(shared().mutex);
+        lane_ = &shared().lanes[name_];
+        lane_->size = std::min(kMostLaneThreads, std::max(lane_->size, options_.workers));
     }
 
     // Only the death of the registration the proxy came from counts: an
@@ -122,29 +165,29 @@ public:
         change(ServiceState::Down);
     }
 
-    // A job whose worker was still waiting for the name when the limit
+    // A job whose thread was still waiting for the name when the limit
     // passed was not registered within the call's time.
     Outcome runWithin(const std::shared_ptr<Job> &job, std::chrono::milliseconds limit)
     {
-        std::unique_lock<std::mutex> lock(pool_mutex_);
-        startWorkers();
+        Shared &s = shared();
+        std::unique_lock<std::mutex> lock(s.mutex);
         job->deadline_ = Clock::now() + limit;
-        queue_.push_back(job);
-        work_.notify_one();
-        if (finished_.wait_until(lock, job->deadline_, [&] { return job->done_; }))
+        enqueue(job);
+        if (s.finished.wait_until(lock, job->deadline_, [&] { return job->done_; }))
             return Outcome::Ok;
         if (!job->started_) {
-            queue_.erase(std::find(queue_.begin(), queue_.end(), job));
+            lane_->queue.erase(job->seq_);
             return Outcome::TimedOut;
         }
         return job->sent_ ? Outcome::TimedOut : Outcome::NotRegistered;
     }
 
-    // An asynchronous call: its end comes from the worker that ran it or,
+    // An asynchronous call: its end comes from the thread that ran it or,
     // once its limit passed, from the timer thread, whichever is first.
     void post(const std::shared_ptr<Job> &job, std::chrono::milliseconds limit)
     {
-        std::unique_lock<std::mutex> lock(pool_mutex_);
+        Shared &s = shared();
+        std::unique_lock<std::mutex> lock(s.mutex);
         job->async_ = true;
         if (stopping_) {
             job->claimed_ = true;
@@ -152,17 +195,16 @@ public:
             job->abandon();
             return;
         }
-        startWorkers();
         job->deadline_ = limit.count() > 0 ? Clock::now() + limit : Clock::time_point::max();
-        queue_.push_back(job);
-        if (limit.count() > 0) {
-            startTimer();
-            timed_.push_back(job);
-            timer_.notify_one();
-        }
-        work_.notify_one();
+        enqueue(job);
+        outstanding_.emplace(job->seq_, job);
+        if (limit.count() > 0)
+            s.expect(job);
     }
 
+    // The handle's queued calls are dropped and its connection closed at
+    // once; a call under way keeps both until the driver returns it, on its
+    // lane's thread.
     void close() noexcept
     {
         {
@@ -175,20 +217,21 @@ public:
         }
         std::vector<std::shared_ptr<Job>> abandoned;
         {
-            std::lock_guard<std::mutex> lock(pool_mutex_);
+            Shared &s = shared();
+            std::lock_guard<std::mutex> lock(s.mutex);
             stopping_ = true;
-            for (auto &job : queue_)
-                if (job->async_ && !job->claimed_)
-                    abandoned.push_back(job);
-            for (auto &job : timed_)
-                if (!job->claimed_ && std::find(abandoned.begin(), abandoned.end(), job) == abandoned.end())
-                    abandoned.push_back(job);
+            for (auto &entry : outstanding_)
+                abandoned.push_back(entry.second);
             for (auto &job : abandoned)
-                job->claimed_ = true;
-            queue_.clear();
-            timed_.clear();
-            work_.notify_all();
-            timer_.notify_all();
+                claim(job);
+            for (auto &job : abandoned)
+                if (!job->started_)
+                    lane_->queue.erase(job->seq_);
+        }
+        std::shared_ptr<ServiceManager> proxy;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            proxy = std::move(proxy_);
         }
         for (auto &job : abandoned)
             job->abandon();
@@ -222,32 +265,32 @@ private:
             options_.onStateChange(ServiceChange(to, first));
     }
 
-    // Under pool_mutex_. The workers keep the core alive while they run.
-    void startWorkers()
+    // Under the shared lock: queued on the name's lane, which starts one
+    // more of its threads when none is free for it.
+    void enqueue(const std::shared_ptr<Job> &job)
     {
-        if (workers_started_)
-            return;
-        workers_started_ = true;
-        for (unsigned i = 0; i < options_.workers; ++i)
-            std::thread([self = shared_from_this()] { self->work(); }).detach();
+        Shared &s = shared();
+        job->owner_ = shared_from_this();
+        job->seq_ = ++s.jobs;
+        Lane &lane = *lane_;
+        lane.queue.emplace(job->seq_, job);
+        if (lane.threads - lane.busy < lane.queue.size() && lane.threads < lane.size) {
+            std::thread(&ServiceCore::serve, std::ref(lane)).detach();
+            ++lane.threads;
+        }
+        lane.work.notify_one();
     }
 
-    void startTimer()
-    {
-        if (timer_started_)
-            return;
-        timer_started_ = true;
-        std::thread([self = shared_from_this()] { self->watchDeadlines(); }).detach();
-    }
-
-    // Under pool_mutex_: whether the job's end is this caller's to deliver.
+    // Under the shared lock: whether the job's end is this caller's to
+    // deliver. Its owner no longer holds it.
     bool claim(const std::shared_ptr<Job> &job)
     {
         if (job->claimed_)
             return false;
         job->claimed_ = true;
         if (job->deadline_ != Clock::time_point::max())
-            timed_.erase(std::find(timed_.begin(), timed_.end(), job));
+            shared().deadlines.erase({job->deadline_, job->seq_});
+        outstanding_.erase(job->seq_);
         return true;
     }
 
@@ -260,72 +303,85 @@ private:
             job->deliver(late);
         else
             job->abandon(); // a future still learns of the end
-
     }
 
-    void watchDeadlines()
+    // The one timer thread of the process: ends, in deadline order, the
+    // asynchronous calls whose limit passed.
+    static void watchDeadlines()
     {
         pthread_setname_np(pthread_self(), "hmisvc-timer");
-        std::unique_lock<std::mutex> lock(pool_mutex_);
-        while (!stopping_) {
-            auto next = Clock::time_point::max();
-            for (auto &job : timed_)
-                next = std::min(next, job->deadline_);
-            if (next == Clock::time_point::max()) {
-                timer_.wait(lock);
+        Shared &s = shared();
+        std::unique_lock<std::mutex> lock(s.mutex);
+        std::vector<std::pair<std::shared_ptr<Job>, Outcome>> late;
+        for (;;) {
+            if (s.deadlines.empty()) {
+                s.timer.wait(lock);
                 continue;
             }
-            if (timer_.wait_until(lock, next) == std::cv_status::no_timeout && Clock::now() < next)
-                continue;
             const auto now = Clock::now();
-            std::vector<std::pair<std::shared_ptr<Job>, Outcome>> late;
-            for (auto &job : std::vector<std::shared_ptr<Job>>(timed_)) {
-                if (job->deadline_ > now || !claim(job))
-                    continue;
+            if (s.deadlines.begin()->first.first > now) {
+                s.timer.wait_until(lock, s.deadlines.begin()->first.first);
+                continue;
+            }
+            while (!s.deadlines.empty() && s.deadlines.begin()->first.first <= now) {
+                auto job = s.deadlines.begin()->second;
+                ServiceCore &core = *job->owner_;
+                core.claim(job);
                 Outcome why = Outcome::TimedOut;
                 if (!job->started_)
-                    queue_.erase(std::find(queue_.begin(), queue_.end(), job)); // never sent
+                    core.lane_->queue.erase(job->seq_); // never sent
                 else if (!job->sent_)
                     why = Outcome::NotRegistered;
-                late.emplace_back(job, why);
+                late.emplace_back(std::move(job), why);
             }
             lock.unlock();
             for (auto &[job, why] : late)
-                deliver(job, why);
+                job->owner_->deliver(job, why);
+            late.clear(); // callbacks' captures, and maybe a handle's core, go unlocked
             lock.lock();
         }
     }
 
-    void work()
+    // A thread of a lane, for the process: runs its queue's calls in order.
+    static void serve(Lane &lane)
     {
         pthread_setname_np(pthread_self(), "hmisvc-call");
-        std::unique_lock<std::mutex> lock(pool_mutex_);
+        Shared &s = shared();
+        std::unique_lock<std::mutex> lock(s.mutex);
         for (;;) {
-            work_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
-            if (stopping_)
-                return;
-            auto job = queue_.front();
-            queue_.pop_front();
+            lane.work.wait(lock, [&] { return !lane.queue.empty(); });
+            auto job = std::move(lane.queue.begin()->second);
+            lane.queue.erase(lane.queue.begin());
             job->started_ = true;
+            ++lane.busy;
+            std::shared_ptr<ServiceCore> core = job->owner_;
             lock.unlock();
-            // The lookup waits no longer than the caller does.
-            auto lookup = options_.lookupLimit;
-            if (job->deadline_ != Clock::time_point::max())
-                lookup = std::min(lookup, std::chrono::duration_cast<std::chrono::milliseconds>(job->deadline_ - Clock::now()));
-            Outcome why = Outcome::Ok;
-            auto proxy = acquire(why, std::max(std::chrono::milliseconds(0), lookup));
-            job->sent_ = proxy != nullptr;
-            job->run(proxy, why);
+            core->execute(*job);
             lock.lock();
+            --lane.busy;
             job->done_ = true;
-            finished_.notify_all();
-            if (job->async_ && claim(job)) {
-                lock.unlock();
-                deliver(job, Outcome::Ok);
-                job.reset(); // its callback's captures go on this thread, unlocked
-                lock.lock();
-            }
+            s.finished.notify_all();
+            const bool mine = job->async_ && core->claim(job);
+            lock.unlock();
+            if (mine)
+                core->deliver(job, Outcome::Ok);
+            job.reset(); // its callback's captures, and maybe the core, go unlocked
+            core.reset();
+            lock.lock();
         }
+    }
+
+    // The lookup waits no longer than the caller does.
+    void execute(Job &job)
+    {
+        auto lookup = options_.lookupLimit;
+        if (job.deadline_ != Clock::time_point::max())
+            lookup = std::min(lookup,
+                              std::chrono::duration_cast<std::chrono::milliseconds>(job.deadline_ - Clock::now()));
+        Outcome why = Outcome::Ok;
+        auto proxy = acquire(why, std::max(std::chrono::milliseconds(0), lookup));
+        job.sent_ = proxy != nullptr;
+        job.run(proxy, why);
     }
 
     const std::string name_;
@@ -345,14 +401,22 @@ private:
     std::recursive_mutex deliver_mutex_; // asynchronous calls' ends
     bool delivering_closed_ = false;
 
-    std::mutex pool_mutex_;
-    std::condition_variable work_, finished_, timer_;
-    std::deque<std::shared_ptr<Job>> queue_;
-    std::vector<std::shared_ptr<Job>> timed_; // asynchronous calls with a limit, not yet ended
-    bool workers_started_ = false;
-    bool timer_started_ = false;
-    bool stopping_ = false;
+    Lane *lane_;                                           // of the name, for the process
+    std::map<std::uint64_t, std::shared_ptr<Job>> outstanding_; // asynchronous calls not ended; shared lock
+    bool stopping_ = false;                                // shared lock
 };
+
+void Shared::expect(const std::shared_ptr<Job> &job)
+{
+    const bool earliest = deadlines.empty() || job->deadline_ < deadlines.begin()->first.first;
+    deadlines.emplace(std::make_pair(job->deadline_, job->seq_), job);
+    if (!timing) {
+        std::thread(&ServiceCore::watchDeadlines).detach();
+        timing = true;
+    } else if (earliest) {
+        timer.notify_one();
+    }
+}
 
 std::shared_ptr<ServiceCore> makeServiceCore(std::string name, ServiceOptions options)
 {

@@ -3,13 +3,13 @@
 // broadcast, and whether the services are there.
 //
 // The supervised layer does the service work. Every call has a 500 ms limit
-// and runs on a worker of its handle, so a stopped service costs a "timed
-// out" result, not a frozen window; the GUI thread still waits for no call:
-// calls are made from Qt's thread pool and their results posted back. The
-// handles and the receiver report the services going and coming back; the
-// panel shows it and reads them again. Receivers run on the supervised
-// receiver's handler thread; onReceive copies what it needs and posts it to
-// the GUI thread.
+// and runs on a thread the layer shares per service, so a stopped service
+// costs a "timed out" result, not a frozen window; the GUI thread still
+// waits for no call: calls are made from Qt's thread pool and their results
+// posted back. The handles and the receiver report the services going and
+// coming back; the panel shows it and reads them again. Receivers run on
+// the supervised receiver's handler thread; onReceive copies what it needs
+// and posts it to the GUI thread.
 //
 //   qt-panel [--set-brightness N] [--print-state] [--watch]
 //

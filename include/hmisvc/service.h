@@ -73,13 +73,16 @@ struct ServiceOptions {
     /// Time limit of every call; 0 (the default) runs calls on the caller's
     /// thread with no limit, at the cost of a plain proxy call.
     std::chrono::milliseconds callLimit{0};
-    /// Threads the handle owns to run limited calls (at least 1). A call
-    /// that passes its limit leaves its transaction to finish on one of
-    /// them; while all are busy, further limited calls wait their limit.
+    /// Limited calls run on threads the process shares per service name
+    /// (its lane): 2, or the largest `workers` a handle on the name asked
+    /// for, at most 8. A call that passes its limit leaves its transaction
+    /// to finish on its thread; while all of the lane's are busy, further
+    /// limited calls to the name wait their limit. Other names' calls are
+    /// not held up.
     unsigned workers = 1;
     /// Called on every change of state(), with the change (the new state,
     /// and whether an Up is the first answer or a recovery; a callback may
-    /// take a plain ServiceState instead): on the calling thread (or worker)
+    /// take a plain ServiceState instead): on the calling thread (or lane's)
     /// when a call is answered or fails, on the layer's watch thread when
     /// the service dies. Keep it short (the watch thread serves every handle
     /// of the process); it may call through the handle, but must not
@@ -89,7 +92,10 @@ struct ServiceOptions {
 
 namespace detail {
 
-/// A limited call, run on one of a handle's workers.
+class ServiceCore;
+struct Shared;
+
+/// A limited call, run on a thread of its service name's lane.
 class HMISVC_API Job {
 public:
     virtual ~Job();
@@ -105,21 +111,22 @@ public:
 
 private:
     friend class ServiceCore;
-    bool started_ = false; // under the handle's queue lock
+    friend struct Shared;
+    bool started_ = false; // under the layer's lock
     bool done_ = false;
     bool async_ = false;
     bool claimed_ = false; // its end is being delivered (asynchronous calls)
     std::atomic<bool> sent_{false}; // the service was found: the call is under way
     std::chrono::steady_clock::time_point deadline_{}; // of its caller's wait
+    std::uint64_t seq_ = 0;               // its place in its lane's queue
+    std::shared_ptr<ServiceCore> owner_; // the handle's state, kept while it runs
 };
-
-/// What a Service shares with its workers and the watch thread.
-class ServiceCore;
 
 /// Builds the handle's state for service @p name.
 HMISVC_API std::shared_ptr<ServiceCore> makeServiceCore(std::string name, ServiceOptions options);
-/// Ends what the handle started: no callback runs after it returns; a
-/// worker busy with a stuck transaction ends once it returns.
+/// Ends what the handle started: no callback runs after it returns; its
+/// queued calls are dropped and its connection closed, unless a call on it
+/// is stuck in the driver (on its lane's thread, until it returns).
 HMISVC_API void closeServiceCore(ServiceCore &core) noexcept;
 /// The current proxy, looked up and built if there is none; null with
 /// @p why set when the service was not found within the lookup limit.
@@ -127,13 +134,13 @@ HMISVC_API std::shared_ptr<ServiceManager> acquire(ServiceCore &core, Outcome &w
 /// After a call through @p proxy that ended with @p outcome: a failed
 /// transaction drops the proxy and reports the service down.
 HMISVC_API void settle(ServiceCore &core, const std::shared_ptr<ServiceManager> &proxy, Outcome outcome);
-/// Runs @p job on a worker and waits @p limit at most: Outcome::Ok when it
-/// finished in time; otherwise Outcome::TimedOut (sent, or still waiting for
-/// a worker: a job not yet started then never runs) or
+/// Runs @p job on its name's lane and waits @p limit at most: Outcome::Ok
+/// when it finished in time; otherwise Outcome::TimedOut (sent, or still
+/// waiting for a thread: a job not yet started then never runs) or
 /// Outcome::NotRegistered (the name was not registered within the limit).
 HMISVC_API Outcome runWithin(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit);
-/// Queues @p job on a worker and returns at once; its end is delivered on
-/// the worker that ran it, or on the handle's timer thread with
+/// Queues @p job on its name's lane and returns at once; its end is
+/// delivered on the thread that ran it, or on the process's timer thread with
 /// Outcome::TimedOut (or Outcome::NotRegistered) once @p limit passed
 /// (0: no limit).
 HMISVC_API void post(ServiceCore &core, const std::shared_ptr<Job> &job, std::chrono::milliseconds limit);
@@ -179,7 +186,7 @@ Result<R> invoke(ServiceCore &core, const std::shared_ptr<ServiceManager> &proxy
     }
 }
 
-/// A call run on a worker: the arguments copied into the job, its result
+/// A call run on a lane's thread: the arguments copied into the job, its result
 /// kept for whoever waits for it.
 template <class Proxy, class R, class... P> class CallJob : public Job {
 public:
@@ -198,7 +205,7 @@ public:
     }
 
 protected:
-    ServiceCore &core_; ///< the core outlives its workers' jobs
+    ServiceCore &core_; ///< the job holds its core while it runs
     Method method_;     ///< the proxy method called
     std::tuple<std::decay_t<P>...> args_; ///< the copies the call is made with
     Result<R> result_{Outcome::TimedOut}; ///< its result once run
@@ -291,11 +298,12 @@ private:
 /// @endcode
 ///
 /// Without ServiceOptions::callLimit a call runs on the caller's thread and
-/// costs what a plain proxy call does. With it, the call runs on a worker
-/// the handle owns and the caller waits at most the limit; a call that
-/// passes it returns Outcome::TimedOut while its transaction finishes on the
-/// worker (binder cannot cancel one). A call is sent at most once: the
-/// handle never repeats a failed one.
+/// costs what a plain proxy call does. With it, the call runs on a thread
+/// the process shares among the handles on the same name (see
+/// ServiceOptions::workers) and the caller waits at most the limit; a call
+/// that passes it returns Outcome::TimedOut while its transaction finishes
+/// on that thread (binder cannot cancel one). A call is sent at most once:
+/// the handle never repeats a failed one.
 ///
 /// Any number of threads may call through one handle at once.
 template <class Proxy> class Service {
@@ -307,8 +315,9 @@ public:
         : core_(detail::makeServiceCore(std::move(name), std::move(options)))
     {
     }
-    /// Ends the handle; a worker busy with a stuck call finishes it first,
-    /// on its own, without holding up the destructor.
+    /// Ends the handle without waiting for a stuck call: the call finishes
+    /// on its lane's thread, holding the handle's connection until then;
+    /// nothing else of the handle outlives it.
     ~Service()
     {
         if (core_)
@@ -372,18 +381,18 @@ public:
     /// `done(Result<R>, args...)` to see the arguments as the call left them
     /// (out-parameters such as the record GetWifiinfo fills).
     ///
-    /// The call runs on one of the handle's ServiceOptions::workers, never on
-    /// a thread of its own; @p done runs once, on that worker, or on the
-    /// handle's timer thread with Outcome::TimedOut when the limit passed
-    /// first (the transaction goes on on its worker; a call still waiting
-    /// for a worker then is never sent) or Outcome::NotRegistered when the
+    /// The call runs on a thread of its name's lane (ServiceOptions::workers),
+    /// never on a thread of its own; @p done runs once, on that thread, or
+    /// on the process's timer thread with Outcome::TimedOut when the limit
+    /// passed first (the transaction goes on on its thread; a call still
+    /// waiting for one then is never sent) or Outcome::NotRegistered when the
     /// name was not registered within it. Without a limit (callLimit 0) it
     /// waits for the answer. @p done never runs after the handle is
     /// destroyed: the destructor waits for a @p done under way (unless
     /// called from it) and drops the rest. Keep it short: it holds up the
-    /// other calls' ends. From @p done, call the handle asynchronously: a
-    /// limited call() there waits for a worker, and with one worker that is
-    /// the one running @p done (it times out).
+    /// other calls' ends (of every handle). From @p done, call the handle
+    /// asynchronously: a limited call() there waits for a thread of the
+    /// lane, and may wait for the one running @p done (it times out).
     ///
     /// @code
     /// backlight.callAsync([](hmisvc::Result<bool> accepted) { ... },

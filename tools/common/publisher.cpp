@@ -30,10 +30,40 @@ int Publisher::publish(const std::string &name, void *object)
 {
     int status = bs_ ? svcmgr_publish(bs_, SVCMGR_HANDLE, name.c_str(), object) : 0;
     if (status == 0) {
+        claim(name);
         std::lock_guard<std::mutex> lock(mutex_);
         names_[name] = object;
     }
     return status;
+}
+
+bool Publisher::claim(const std::string &name)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!claiming_ || !bs_)
+            return true;
+    }
+    // -1: a service manager without claims, which keeps nothing anyway.
+    if (svcmgr_claim(bs_, name.c_str()) != 1)
+        return true;
+    std::fprintf(stderr, "cannot claim \"%s\": the service manager says another process holds it\n", name.c_str());
+    return false;
+}
+
+std::string Publisher::claim_names()
+{
+    std::vector<std::string> names;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        claiming_ = true;
+        for (const auto &entry : names_)
+            names.push_back(entry.first);
+    }
+    for (const std::string &name : names)
+        if (!claim(name))
+            return name;
+    return {};
 }
 
 int Publisher::unpublish(const std::string &name, void *object)
@@ -90,7 +120,9 @@ void Publisher::run()
             if (status != -1) {
                 // Answered: published, or refused for good (another living
                 // process took the name meanwhile), which no retry mends.
-                if (status != 0) {
+                if (status == 0) {
+                    claim(names[done].first);
+                } else {
                     std::fprintf(stderr, "service manager restarted: \"%s\" refused (status %d); no longer published\n",
                                  names[done].first.c_str(), status);
                     std::lock_guard<std::mutex> hold(mutex_);

@@ -31,6 +31,11 @@ public:
     // Whether `name` is among the names kept published.
     bool published(const std::string &name) const;
 
+    // From now on every name published is also claimed for this program
+    // (kept for it across its restart, see ServiceRegistry), those
+    // published so far included. The first name refused, or "".
+    std::string claim_names();
+
     // Starts watching the service manager; call once the first services
     // are published.
     void watch();
@@ -41,12 +46,15 @@ public:
 private:
     static void died(binder_connection *, void *self);
     void run();
+    // Claims `name` when names are claimed; false when refused.
+    bool claim(const std::string &name);
 
     binder_connection *bs_;
     binder_death_record record_{};
     mutable std::mutex mutex_;
     std::condition_variable wake_;
     std::map<std::string, void *> names_;
+    bool claiming_ = false;
     bool dead_ = false;
     bool stopping_ = false;
     std::thread thread_;

@@ -14,32 +14,62 @@
 
 namespace hmisvc::tools {
 
+// A process as the service manager knows it: pid and euid as the driver
+// gives them with a request, and, read from /proc, when it started (so that
+// a reused pid is not taken for the process) and its program.
+struct Process {
+    pid_t pid = 0;
+    uid_t euid = 0;
+    unsigned long long start = 0;
+    std::string exe;
+
+    static Process of(pid_t pid, uid_t euid);
+    bool same(const Process &o) const { return pid == o.pid && euid == o.euid && start == o.start; }
+    bool same_program(const Process &o) const { return euid == o.euid && !exe.empty() && exe == o.exe; }
+    // Exited (reaped, a zombie, or its pid taken by another process).
+    bool gone() const;
+};
+
 // Each published name holds one strong reference on the publisher's object
 // and belongs to the process that published it: while that process lives,
 // only it may publish the name anew (dropping the reference on the object it
-// replaces). The death of the object drops all of its names, which frees
-// them for anyone; so does the holder's exit, before that news arrives.
+// replaces) or drop it. The holder's death frees its names at once, unless
+// it claimed them for its program: a claimed name waits kClaimSeconds for a
+// process of the same program and euid (the holder restarted) and is
+// refused to any other meanwhile.
 class ServiceRegistry {
 public:
+    static constexpr int kClaimSeconds = 30;
+
     // Told of each name the registry drops because its publisher died.
     using DeathHook = std::function<void(const std::u16string &name, uint32_t handle)>;
 
-    explicit ServiceRegistry(binder_connection *bs);
+    // With a file, what the registry holds is kept there after each change
+    // and taken up again at start: names whose holder still lives, or which
+    // are claimed, stay reserved for it across a restart of the service
+    // manager, until it publishes them again.
+    explicit ServiceRegistry(binder_connection *bs, std::string file = {});
     ServiceRegistry(const ServiceRegistry &) = delete;
     ServiceRegistry &operator=(const ServiceRegistry &) = delete;
 
+    // Why the file could not be read or written last ("" when it could).
+    const std::string &file_error() const { return file_error_; }
+
     // `handle` must be a reference this connection holds while the call
-    // runs (e.g. one that arrived in the request being served); `pid` is
-    // the publishing process. False, with the holder's pid in `holder`,
-    // when another process holds the name: nothing changes then.
-    bool publish(const std::u16string &name, uint32_t handle, pid_t pid, pid_t &holder);
-    // Drops the name if `handle` is what it is published as (only its
-    // publisher can send that object); false otherwise.
-    bool remove(const std::u16string &name, uint32_t handle);
-    // 0 when the name is unknown.
+    // runs (e.g. one that arrived in the request being served). False, with
+    // the holder in `holder`, when the name is another's: nothing changes.
+    bool publish(const std::u16string &name, uint32_t handle, const Process &by, Process &holder);
+    // Drops the name if `by` published it as `handle`; false, with the
+    // holder (pid 0 for none), otherwise.
+    bool remove(const std::u16string &name, uint32_t handle, const Process &by, Process &holder);
+    // Keeps the name for its holder's program after the holder dies; false
+    // unless `by` holds it.
+    bool claim(const std::u16string &name, const Process &by, Process &holder);
+    // 0 when the name is not published.
     uint32_t lookup(const std::u16string &name) const;
-    std::size_t size() const { return names_.size(); }
-    // The n-th name in sorted order; false past the last.
+    // Who holds or reserves the name; false when nobody does.
+    bool holder(const std::u16string &name, Process &holder);
+    // The n-th published name in sorted order; false past the last.
     bool name_at(std::size_t n, std::u16string &name) const;
 
     void on_death(DeathHook hook) { death_hook_ = std::move(hook); }
@@ -54,16 +84,26 @@ private:
         unsigned names;
     };
 
+    // handle 0: reserved for its owner (or claimed and its owner gone) but
+    // not published.
+    struct Entry {
+        uint32_t handle = 0;
+        Process owner;
+        bool claimed = false;
+        long long until = 0;  // claimed and owner gone: CLOCK_BOOTTIME second it lapses
+    };
+
+    // Whether `by` may take the entry; drops it when it has lapsed.
+    bool open_to(std::map<std::u16string, Entry>::iterator it, const Process &by);
     void unref(uint32_t handle);
     void died(Link &link);
     static void died_cb(binder_connection *bs, void *link);
-
-    struct Entry {
-        uint32_t handle;
-        pid_t pid;
-    };
+    void load();
+    void save();
 
     binder_connection *bs_;
+    std::string file_;
+    std::string file_error_;
     std::map<std::u16string, Entry> names_;
     std::map<uint32_t, std::unique_ptr<Link>> links_;
     DeathHook death_hook_;

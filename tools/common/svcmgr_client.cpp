@@ -12,6 +12,35 @@ void put_header(binder_io &msg)
     bio_put_string16_x(&msg, "android.os.IServiceManager");
 }
 
+// Sends the header, `name` and (when given) `object` with `code`; returns
+// the reply's status word and the words after it, or nothing when the call
+// failed or the reply is not whole words.
+bool call_named(binder_connection *bs, uint32_t code, const char *name, void *object, std::vector<uint32_t> &words)
+{
+    unsigned char area[512];
+    binder_io msg, reply;
+    bio_init(&msg, area, sizeof area, 4);
+    put_header(msg);
+    bio_put_string16_x(&msg, name);
+    if (object)
+        bio_put_obj(&msg, object);
+    if (binder_call(bs, &msg, &reply, SVCMGR_HANDLE, code) != 0)
+        return false;
+    bool whole = reply.data_left > 0 && reply.data_left % sizeof(uint32_t) == 0;
+    words.clear();
+    while (whole && reply.data_left > 0)
+        words.push_back(bio_get_uint32(&reply));
+    binder_done(bs, &msg, &reply);
+    return whole;
+}
+
+// The status word of a request answered with one word alone.
+int status_of(binder_connection *bs, uint32_t code, const char *name, void *object)
+{
+    std::vector<uint32_t> words;
+    return call_named(bs, code, name, object, words) && words.size() == 1 ? static_cast<int>(words[0]) : -1;
+}
+
 }  // namespace
 
 ListResult svcmgr_list(binder_connection *bs, std::vector<std::string> &names)
@@ -50,18 +79,22 @@ ListResult svcmgr_list(binder_connection *bs, std::vector<std::string> &names)
 
 int svcmgr_unpublish(binder_connection *bs, const char *name, void *object)
 {
-    unsigned char area[512];
-    binder_io msg, reply;
-    bio_init(&msg, area, sizeof area, 4);
-    put_header(msg);
-    bio_put_string16_x(&msg, name);
-    bio_put_obj(&msg, object);
-    if (binder_call(bs, &msg, &reply, SVCMGR_HANDLE, kSvcmgrCodeUnpublish) != 0)
+    return status_of(bs, kSvcmgrCodeUnpublish, name, object);
+}
+
+int svcmgr_claim(binder_connection *bs, const char *name)
+{
+    return status_of(bs, kSvcmgrCodeClaim, name, nullptr);
+}
+
+int svcmgr_holder(binder_connection *bs, const char *name)
+{
+    std::vector<uint32_t> words;
+    if (!call_named(bs, kSvcmgrCodeHolder, name, nullptr, words))
         return -1;
-    bool word = reply.data_left == sizeof(uint32_t);
-    uint32_t status = bio_get_uint32(&reply);
-    binder_done(bs, &msg, &reply);
-    return word ? static_cast<int>(status) : -1;
+    if (words.size() == 1 && words[0] == static_cast<uint32_t>(SvcmgrHandler::kNoMoreNames))
+        return 0;
+    return words.size() == 3 && words[0] == 0 ? static_cast<int>(words[1]) : -1;
 }
 
 }  // namespace hmisvc::tools

@@ -19,6 +19,13 @@ ListResult svcmgr_list(binder_connection *bs, std::vector<std::string> &names);
 // when the call failed (e.g. a service manager without this request).
 int svcmgr_unpublish(binder_connection *bs, const char *name, void *object);
 
+// 0 when the name, which the caller published, is kept for its program
+// across a restart; 1 when it is not the caller's, -1 when the call failed.
+int svcmgr_claim(binder_connection *bs, const char *name);
+
+// The pid holding (or keeping) a name: 0 when nobody, -1 when the call failed.
+int svcmgr_holder(binder_connection *bs, const char *name);
+
 }  // namespace hmisvc::tools
 
 #endif

@@ -52,6 +52,12 @@ const char *get_named_ref(binder_io &msg, std::u16string &name, uint32_t &handle
     return handle == 0 ? "no object reference" : nullptr;
 }
 
+// The sender as the driver gives it.
+Process caller(const binder_transaction_data &txn)
+{
+    return Process::of(txn.sender_pid, txn.sender_euid);
+}
+
 }  // namespace
 
 SvcmgrHandler::SvcmgrHandler(ServiceRegistry &registry, std::FILE *trace)
@@ -75,6 +81,10 @@ int SvcmgrHandler::handle(const binder_transaction_data &txn, binder_io &msg, bi
         return unpublish(txn, msg, reply);
     case kSvcmgrCodeList:
         return list(txn, msg, reply);
+    case kSvcmgrCodeClaim:
+        return claim(txn, msg, reply);
+    case kSvcmgrCodeHolder:
+        return holder(txn, msg, reply);
     default:
         return refuse(txn, "unknown code");
     }
@@ -114,18 +124,8 @@ int SvcmgrHandler::publish(const binder_transaction_data &txn, binder_io &msg, b
     uint32_t handle = 0;
     if (const char *why = get_named_ref(msg, name, handle))
         return refuse(txn, why);
-    pid_t holder = 0;
-    if (!registry_.publish(name, handle, txn.sender_pid, holder)) {
-        std::fprintf(stderr, "svcmgr: publish \"%s\" from pid %d refused: held by pid %d\n",
-                     printable(name).c_str(), txn.sender_pid, holder);
-        bio_put_uint32(&reply, kNameHeld);
-        return 0;
-    }
-    if (trace_)
-        std::fprintf(trace_, "svcmgr: publish \"%s\" from pid %d as handle %u\n",
-                     printable(name).c_str(), txn.sender_pid, handle);
-    bio_put_uint32(&reply, 0);
-    return 0;
+    return change(txn, reply, "publish", name,
+                  [&](const Process &by, Process &holder) { return registry_.publish(name, handle, by, holder); });
 }
 
 int SvcmgrHandler::unpublish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
@@ -134,11 +134,58 @@ int SvcmgrHandler::unpublish(const binder_transaction_data &txn, binder_io &msg,
     uint32_t handle = 0;
     if (const char *why = get_named_ref(msg, name, handle))
         return refuse(txn, why);
-    bool dropped = registry_.remove(name, handle);
+    return change(txn, reply, "unpublish", name,
+                  [&](const Process &by, Process &holder) { return registry_.remove(name, handle, by, holder); });
+}
+
+int SvcmgrHandler::claim(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
+{
+    std::u16string name;
+    if (const char *why = get_prologue(msg, name))
+        return refuse(txn, why);
+    return change(txn, reply, "claim", name,
+                  [&](const Process &by, Process &holder) { return registry_.claim(name, by, holder); });
+}
+
+int SvcmgrHandler::change(const binder_transaction_data &txn, binder_io &reply, const char *what,
+                          const std::u16string &name, const std::function<bool(const Process &, Process &)> &act)
+{
+    Process holder;
+    if (!act(caller(txn), holder))
+        return not_yours(txn, what, name, holder, reply);
     if (trace_)
-        std::fprintf(trace_, "svcmgr: unpublish \"%s\" from pid %d: %s\n", printable(name).c_str(),
-                     txn.sender_pid, dropped ? "dropped" : "not its publisher");
-    bio_put_uint32(&reply, dropped ? 0 : 1);
+        std::fprintf(trace_, "svcmgr: %s \"%s\" from pid %d\n", what, printable(name).c_str(), txn.sender_pid);
+    bio_put_uint32(&reply, 0);
+    return 0;
+}
+
+int SvcmgrHandler::holder(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
+{
+    std::u16string name;
+    if (const char *why = get_prologue(msg, name))
+        return refuse(txn, why);
+    Process holder;
+    if (!registry_.holder(name, holder))
+        return kNoMoreNames;
+    bio_put_uint32(&reply, 0);
+    bio_put_uint32(&reply, static_cast<uint32_t>(holder.pid));
+    bio_put_uint32(&reply, holder.euid);
+    return 0;
+}
+
+int SvcmgrHandler::not_yours(const binder_transaction_data &txn, const char *what, const std::u16string &name,
+                             const Process &holder, binder_io &reply)
+{
+    // Told traced or not: it is someone's mistake or an attempt to take a
+    // service over.
+    std::fprintf(stderr, "svcmgr: %s \"%s\" from pid %d refused: ", what, printable(name).c_str(), txn.sender_pid);
+    if (holder.pid == 0)
+        std::fprintf(stderr, "not published\n");
+    else if (holder.gone())
+        std::fprintf(stderr, "kept for the restart of %s (pid %d, exited)\n", holder.exe.c_str(), holder.pid);
+    else
+        std::fprintf(stderr, "held by pid %d\n", holder.pid);
+    bio_put_uint32(&reply, kNotYours);
     return 0;
 }
 

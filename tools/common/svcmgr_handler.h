@@ -8,6 +8,7 @@
 #include <hmisvc/binder.h>
 
 #include <cstdio>
+#include <functional>
 
 namespace hmisvc::tools {
 
@@ -16,17 +17,25 @@ namespace hmisvc::tools {
 // sorted order) as a 16-bit string, or the status kNoMoreNames past the last.
 constexpr uint32_t kSvcmgrCodeList = 4;
 // And its counterpart to publish: the same request, which drops the name
-// when the object sent is the one published under it (answer: the status
-// word 0, or 1 when not).
+// when its publisher sends the object published under it (answer: the
+// status word 0, or kNotYours).
 constexpr uint32_t kSvcmgrCodeUnpublish = 5;
+// The header word, the interface name and a name its caller published:
+// keeps the name for the caller's program across its restart (answer: the
+// status word 0, or kNotYours).
+constexpr uint32_t kSvcmgrCodeClaim = 6;
+// The header word, the interface name and a name: the status word 0, the
+// holder's pid and euid, or the status word kNoMoreNames when nobody holds it.
+constexpr uint32_t kSvcmgrCodeHolder = 7;
 
 class SvcmgrHandler {
 public:
     static constexpr int kNoMoreNames = 1;
-    // Publish status for a name another living process holds. The refusal
-    // is also told on stderr, traced or not: it is someone's mistake or an
-    // attempt to take a service over.
-    static constexpr int kNameHeld = 1;
+    // Publish, unpublish or claim status for a name that is not the
+    // caller's (another living process holds it, or it is kept for a
+    // program's restart). The refusal is also told on stderr, traced or
+    // not: it is someone's mistake or an attempt to take a service over.
+    static constexpr int kNotYours = 1;
     // Status sent back for a request that is not a well-formed lookup or
     // publish.
     static constexpr int BAD_REQUEST = -1;
@@ -42,6 +51,15 @@ private:
     int list(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
     int publish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
     int unpublish(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
+    int claim(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
+    int holder(const binder_transaction_data &txn, binder_io &msg, binder_io &reply);
+    // A request that changes a name: `act` does it for the caller, or gives
+    // the holder and false when the name is not the caller's.
+    int change(const binder_transaction_data &txn, binder_io &reply, const char *what, const std::u16string &name,
+               const std::function<bool(const Process &, Process &)> &act);
+    // Tells a refused request on stderr, naming the caller, and answers kNotYours.
+    int not_yours(const binder_transaction_data &txn, const char *what, const std::u16string &name,
+                  const Process &holder, binder_io &reply);
     int refuse(const binder_transaction_data &txn, const char *why);
 
     ServiceRegistry &registry_;

@@ -8,12 +8,14 @@
 #include "publisher.h"
 #include "services.h"
 #include "state.h"
+#include "svcmgr_client.h"
 
 #include <hmisvc/binder.h>
 
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -216,11 +218,27 @@ int main(int argc, char **argv)
 #endif
 
     published.push_back(&control.service());
-    for (const Service *s : published)
-        if (int status = publisher.publish(s->name, const_cast<Service *>(s)); status != 0)
-            return fail(std::string("cannot publish \"") + s->name + "\" " +
-                        (status == -1 ? "(is a service manager running?)"
-                                      : "(the service manager refused it: another process holds the name)"));
+    for (const Service *s : published) {
+        int status = publisher.publish(s->name, const_cast<Service *>(s));
+        if (status == -1)
+            return fail(std::string("cannot publish \"") + s->name + "\" (is a service manager running?)");
+        // Someone else's name: a squatter, or another simulator. Which
+        // process, so that it can be found; exit 2 as for any unusable
+        // start-up setting.
+        if (status != 0) {
+            int holder = hmisvc::tools::svcmgr_holder(bs, s->name);
+            std::string who = holder > 0 ? "pid " + std::to_string(holder) : "another process";
+            // An exited holder's name is kept for its program's restart.
+            if (holder > 0 && kill(holder, 0) != 0 && errno == ESRCH)
+                who += " (exited; kept a while for its program to restart)";
+            std::fprintf(stderr, "hmisvc-devsim: cannot publish \"%s\": held by %s\n", s->name, who.c_str());
+            return 2;
+        }
+    }
+    // Only once all are ours: kept for the next simulator when this one
+    // ends, so that nothing else takes them before it.
+    if (std::string refused = publisher.claim_names(); !refused.empty())
+        return fail("cannot claim \"" + refused + "\"");
     publisher.watch();
     std::printf("hmisvc-devsim: ready\n");
     std::fflush(stdout);

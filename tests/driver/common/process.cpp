@@ -139,6 +139,18 @@ int threads_of(const std::string &process)
     return -1;
 }
 
+int descriptors_of(const std::string &process)
+{
+    DIR *dir = opendir(("/proc/" + process + "/fd").c_str());
+    if (dir == nullptr)
+        return -1;
+    int n = 0;
+    while (const dirent *entry = readdir(dir))
+        n += entry->d_name[0] != '.';
+    closedir(dir);
+    return n - (process == "self"); // the directory's own
+}
+
 bool stop_process(int pid)
 {
     if (kill(pid, SIGSTOP) != 0)

@@ -58,6 +58,8 @@ void stop_service_manager();
 
 // The thread count of a process ("self" or a pid); -1 when it is gone.
 int threads_of(const std::string &process = "self");
+// Its open descriptors; -1 when it is gone.
+int descriptors_of(const std::string &process = "self");
 
 // Sends SIGSTOP to `pid` and returns once every thread of it has stopped
 // (the signal is delivered after kill() returns); false when it never does.

@@ -50,6 +50,9 @@ public:
         return devsim->ready();
     }
     Q_INVOKABLE bool resume() { return ::kill(devsim->pid(), SIGCONT) == 0; }
+    // This process's threads and open descriptors.
+    Q_INVOKABLE int threads() { return peer::threads_of(); }
+    Q_INVOKABLE int descriptors() { return peer::descriptors_of(); }
 
     // The longest gap between ticks of a 1 ms timer on the GUI thread.
     Q_INVOKABLE void watchStalls()

@@ -23,6 +23,17 @@ TestCase {
     }
     Component { id: slowBacklight; Backlight { timeLimit: 10000 } }
     Component { id: pollingBacklight; Backlight { refreshInterval: 100 } }
+    property int pagesGone: 0
+    Component {
+        id: page
+        Item {
+            property alias backlight: light
+            Backlight { id: light; timeLimit: 300 }
+            DateTime { timeLimit: 300 }
+            DeviceInfo { timeLimit: 300 }
+            Component.onDestruction: ++test.pagesGone
+        }
+    }
 
     function initTestCase() {
         tryCompare(backlight, "status", "up", 20000)
@@ -141,5 +152,38 @@ TestCase {
             slow.refresh()
             tryCompare(slow, "lastError", "", 20000)
         }
+    }
+
+    // Pages whose calls hang, destroyed: what stays is the lanes of the
+    // three names (2 threads each, each holding the connection of the call
+    // stuck on it), not a thread and a descriptor per object.
+    function test_h_pagesDestroyedWhileAServiceHangsLeaveOnlyTheLanes() {
+        const kPages = 100, kBound = 3 * 2
+        const threads = sim.threads(), fds = sim.descriptors()
+        verify(sim.stop())
+        let mostThreads = threads, mostFds = fds
+        for (let round = 0; round < 2; ++round) {
+            const pages = []
+            for (let i = 0; i < kPages; ++i)
+                pages.push(page.createObject(test))
+            tryCompare(pages[kPages - 1].backlight, "lastError", "timed out", 60000)
+            mostThreads = Math.max(mostThreads, sim.threads())
+            mostFds = Math.max(mostFds, sim.descriptors())
+            test.pagesGone = 0
+            for (const p of pages)
+                p.destroy()
+            tryCompare(test, "pagesGone", kPages, 20000)
+            mostThreads = Math.max(mostThreads, sim.threads())
+            mostFds = Math.max(mostFds, sim.descriptors())
+        }
+        const threadsAfter = sim.threads(), fdsAfter = sim.descriptors()
+        verify(sim.resume())
+        console.log(2 * kPages + " pages of 3 objects made and destroyed on a stopped service: threads " + threads +
+                    " -> at most " + mostThreads + ", " + threadsAfter + " after; descriptors " + fds +
+                    " -> at most " + mostFds + ", " + fdsAfter + " after")
+        verify(mostThreads - threads <= kBound, "threads " + threads + " -> " + mostThreads)
+        verify(mostFds - fds <= kBound, "descriptors " + fds + " -> " + mostFds)
+        backlight.refresh()
+        tryCompare(backlight, "lastError", "", 20000)
     }
 }
