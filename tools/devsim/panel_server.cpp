@@ -553,7 +553,8 @@ struct PanelServer::Impl {
             Json calls;
             if (tools::parse_json(r.text, calls).empty() && calls.is_array()) {
                 Json answer = {{"met", r.code == ControlResult::kDone}, {"calls", std::move(calls)}};
-                return {r.code == ControlResult::kDone ? MHD_HTTP_OK : MHD_HTTP_CONFLICT, tools::dump_json(answer)};
+                unsigned status = r.code == ControlResult::kDone ? MHD_HTTP_OK : MHD_HTTP_CONFLICT;
+                return {status, tools::dump_json(answer)};
             }
         }
         if (r.code == ControlResult::kDone)
