@@ -1,8 +1,9 @@
-// The connection to /dev/binder: open and map, command writes, the
+// The connection to the binder driver (/dev/binder, see seam.h): open and map, command writes, the
 // synchronous call, parsing what the driver returns, and the receive loops.
 // No heap use after binder_open; every buffer lives on the caller's stack.
 
 #include "binder/protocol.h"
+#include "binder/seam.h"
 
 #include <hmisvc/binder.h>
 
@@ -29,7 +30,7 @@ constexpr uint32_t kParse2ReplyArea = 256;
 
 int write_read(binder_connection *bs, binder_write_read *bwr)
 {
-    return ioctl(bs->fd, BINDER_WRITE_READ, bwr);
+    return seam_ioctl(bs->fd, BINDER_WRITE_READ, bwr);
 }
 
 template <size_t N>
@@ -181,17 +182,17 @@ binder_connection *binder_open(uint32_t mapsize)
         errno = ENOMEM;
         return nullptr;
     }
-    bs->fd = open("/dev/binder", O_RDWR);
+    bs->fd = seam_open();
     if (bs->fd < 0) {
         fprintf(stderr, "binder: cannot open device (%s)\n", strerror(errno));
         free(bs);
         return nullptr;
     }
     bs->mapping_size = mapsize;
-    bs->mapping = mmap(nullptr, mapsize, PROT_READ, MAP_PRIVATE, bs->fd, 0);
+    bs->mapping = seam_map(bs->fd, mapsize);
     if (bs->mapping == MAP_FAILED) {
         fprintf(stderr, "binder: cannot map device (%s)\n", strerror(errno));
-        close(bs->fd);
+        seam_close(bs->fd, nullptr, 0);
         free(bs);
         return nullptr;
     }
@@ -200,14 +201,13 @@ binder_connection *binder_open(uint32_t mapsize)
 
 void binder_close(binder_connection *bs)
 {
-    munmap(bs->mapping, bs->mapping_size);
-    close(bs->fd);
+    seam_close(bs->fd, bs->mapping, bs->mapping_size);
     free(bs);
 }
 
 int binder_become_context_manager(binder_connection *bs)
 {
-    return ioctl(bs->fd, BINDER_SET_CONTEXT_MGR, 0);
+    return seam_ioctl(bs->fd, BINDER_SET_CONTEXT_MGR, nullptr);
 }
 
 int binder_write(binder_connection *bs, const void *data, uint32_t len)

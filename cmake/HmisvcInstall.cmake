@@ -162,7 +162,8 @@ checked arguments, exit statuses and JSON output, and sends and receives
 broadcasts. hmisvc-servicemanager is a binder context manager that answers
 service lookups and publications; hmisvc-devsim simulates the device's
 services so that applications can be tried on any Linux host with a binder
-driver.")
+driver; hmisvc-binderd serves the binder protocol in userspace on hosts
+without one.")
 # hmisvc-run boots a guest from Debian's kernel where the host has no binder.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS
   "qemu-system-x86 | qemu-system-arm, busybox-static, cpio, xz-utils, zstd, binutils")

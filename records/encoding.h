@@ -1,5 +1,6 @@
-// The record encoding: cereal's binary archives over string streams, with the
-// string and map conventions of the device spelled out here.
+// The record encoding: cereal's binary output archive over a string stream,
+// a binary input archive over the bytes given, with the string and map
+// conventions of the device spelled out here.
 //
 // Include this header instead of cereal/types/string.hpp and
 // cereal/types/map.hpp: the overloads below take their place, and mixing the
@@ -8,6 +9,9 @@
 #define HMISVC_RECORDS_ENCODING_H
 
 #include <cstdint>
+#include <cstring>
+#include <memory>
+#include <type_traits>
 #include <map>
 #include <sstream>
 #include <string>
@@ -21,23 +25,105 @@
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
               "records are encoded little-endian; a big-endian build must swap every number");
 
+namespace hmisvc::records {
+
+// cereal's binary input archive over bytes already in memory, which knows
+// how many remain: a size field that claims more than that is refused
+// before anything is allocated for it, as a short record. Reads, and their
+// errors, are otherwise those of cereal::BinaryInputArchive.
+class ViewInputArchive : public cereal::InputArchive<ViewInputArchive, cereal::AllowEmptyClassElision> {
+public:
+    ViewInputArchive(const char *data, std::size_t size)
+        : cereal::InputArchive<ViewInputArchive, cereal::AllowEmptyClassElision>(this), at_(data), left_(size)
+    {
+    }
+
+    // Copies what arrived of `size` bytes, then throws when that was short
+    // (an int keeps the bytes that came in its low-order end).
+    void loadBinary(void *data, std::size_t size)
+    {
+        const std::size_t got = size < left_ ? size : left_;
+        if (got)
+            std::memcpy(data, at_, got);
+        at_ += got;
+        left_ -= got;
+        if (got != size)
+            throw short_read(size, got);
+    }
+    std::size_t remaining() const { return left_; }
+
+    static cereal::Exception short_read(std::size_t requested, std::size_t transferred)
+    {
+        return cereal::Exception("Failed to read " + std::to_string(requested) + " bytes from input stream! Read " +
+                                 std::to_string(transferred));
+    }
+
+private:
+    const char *at_;
+    std::size_t left_;
+};
+
+} // namespace hmisvc::records
+
 namespace cereal {
+
+template <class T>
+std::enable_if_t<std::is_arithmetic<T>::value> CEREAL_LOAD_FUNCTION_NAME(hmisvc::records::ViewInputArchive &ar, T &t)
+{
+    ar.loadBinary(std::addressof(t), sizeof(t));
+}
+
+template <class T>
+void CEREAL_SERIALIZE_FUNCTION_NAME(hmisvc::records::ViewInputArchive &ar, NameValuePair<T> &t)
+{
+    ar(t.value);
+}
+
+template <class T>
+void CEREAL_SERIALIZE_FUNCTION_NAME(hmisvc::records::ViewInputArchive &ar, SizeTag<T> &t)
+{
+    ar(t.size);
+}
+
+template <class T>
+void CEREAL_LOAD_FUNCTION_NAME(hmisvc::records::ViewInputArchive &ar, BinaryData<T> &bd)
+{
+    ar.loadBinary(bd.data, static_cast<std::size_t>(bd.size));
+}
+
+namespace traits::detail {
+template <> struct get_output_from_input<hmisvc::records::ViewInputArchive> {
+    using type = BinaryOutputArchive;
+};
+} // namespace traits::detail
+
+// Bytes an archive can still give: unknown for a stream.
+inline std::size_t bytes_left(BinaryInputArchive &) { return SIZE_MAX; }
+inline std::size_t bytes_left(hmisvc::records::ViewInputArchive &ar) { return ar.remaining(); }
+
+template <class Archive>
+using IfRecordInput = std::enable_if_t<std::is_same<Archive, BinaryInputArchive>::value ||
+                                       std::is_same<Archive, hmisvc::records::ViewInputArchive>::value>;
 
 // A string: an 8-byte size field, then the bytes. The device takes the size
 // field through its 32-bit size_t, so only the lower half counts; every
-// build does the same. The string is resized before its bytes are read, so a
-// short read leaves it at the new length holding the bytes that arrived.
+// build does the same. A size beyond the bytes that remain is a short
+// record, refused before the string changes; otherwise the string is
+// resized, then filled.
 inline void CEREAL_SAVE_FUNCTION_NAME(BinaryOutputArchive &ar, const std::string &str)
 {
     ar(make_size_tag(static_cast<size_type>(str.size())));
     ar(binary_data(str.data(), str.size()));
 }
 
-inline void CEREAL_LOAD_FUNCTION_NAME(BinaryInputArchive &ar, std::string &str)
+template <class Archive, class = IfRecordInput<Archive>>
+void CEREAL_LOAD_FUNCTION_NAME(Archive &ar, std::string &str)
 {
     size_type size;
     ar(make_size_tag(size));
     const std::size_t length = static_cast<std::uint32_t>(size);
+    if (length > bytes_left(ar))
+        throw hmisvc::records::ViewInputArchive::short_read(length, bytes_left(ar));
     str.resize(length);
     ar(binary_data(&str[0], length));
 }
@@ -55,8 +141,9 @@ void CEREAL_SAVE_FUNCTION_NAME(BinaryOutputArchive &ar, const std::map<std::stri
 
 // Cleared once the count has arrived; each entry is inserted with a hint at
 // the previous one, so a key that occurs twice keeps its first value.
-template <class Value>
-void CEREAL_LOAD_FUNCTION_NAME(BinaryInputArchive &ar, std::map<std::string, Value> &map)
+// Nothing is reserved by the count: entries are made as their bytes arrive.
+template <class Archive, class Value, class = IfRecordInput<Archive>>
+void CEREAL_LOAD_FUNCTION_NAME(Archive &ar, std::map<std::string, Value> &map)
 {
     size_type count;
     ar(make_size_tag(count));
@@ -72,6 +159,8 @@ void CEREAL_LOAD_FUNCTION_NAME(BinaryInputArchive &ar, std::map<std::string, Val
 
 } // namespace cereal
 
+CEREAL_REGISTER_ARCHIVE(hmisvc::records::ViewInputArchive)
+
 namespace hmisvc::records {
 
 template <class Record>
@@ -84,11 +173,11 @@ std::string encode(Record &record)
 }
 
 // Fields are assigned as they are read; bytes after the last one are ignored.
+// Nothing is allocated beyond the bytes given.
 template <class Record>
 void decode(Record &record, const std::string &data)
 {
-    std::istringstream in(data);
-    cereal::BinaryInputArchive ar(in);
+    ViewInputArchive ar(data.data(), data.size());
     ar(record);
 }
 
@@ -99,6 +188,7 @@ void decode(Record &record, const std::string &data)
 #define HMISVC_RECORD_ENCODING(Record)                                                       \
     template void Record::serialize<cereal::BinaryOutputArchive>(cereal::BinaryOutputArchive &); \
     template void Record::serialize<cereal::BinaryInputArchive>(cereal::BinaryInputArchive &);   \
+    template void Record::serialize<::hmisvc::records::ViewInputArchive>(::hmisvc::records::ViewInputArchive &); \
     std::string Record::toString() { return ::hmisvc::records::encode(*this); }              \
     void Record::fromString(std::string data) { ::hmisvc::records::decode(*this, data); }
 

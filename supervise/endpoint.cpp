@@ -13,6 +13,7 @@
 #include "supervise/watch.h"
 
 #include <hmisvc/binder.h>
+#include <hmisvc/binder_seam.h>
 #include <hmisvc/broadcast.h>
 
 #include <fcntl.h>
@@ -241,7 +242,7 @@ bool Endpoint::pump(Pending *pending)
     binder_write_read bwr{};
     bwr.read_size = sizeof buffer;
     bwr.read_buffer = wire_ptr(buffer);
-    if (ioctl(bs_->fd, BINDER_WRITE_READ, &bwr) < 0)
+    if (binder_ioctl(bs_, BINDER_WRITE_READ, &bwr) < 0)
         return errno == EAGAIN || errno == EINTR;
     walk(buffer, static_cast<std::size_t>(bwr.read_consumed), pending);
     return true;

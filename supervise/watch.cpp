@@ -10,6 +10,7 @@
 #include "supervise/watch.h"
 
 #include <hmisvc/binder.h>
+#include <hmisvc/binder_seam.h>
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -87,11 +88,7 @@ Watcher::Watcher() : state_(new State) {}
 
 bool driverUsable()
 {
-    const int fd = ::open("/dev/binder", O_RDWR | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    ::close(fd);
-    return true;
+    return binder_driver_reachable() != 0;
 }
 
 // Under the lock. Opened on the first link rather than at construction, so

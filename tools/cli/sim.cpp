@@ -121,20 +121,13 @@ bool tooLarge(const std::string &what, const std::string &json)
 }
 
 // A JSON file the command sends whole: false (status 1 or 2 said) when it
-// cannot be read or is over the limit.
+// cannot be read, is not a regular file or is over the limit.
 bool readDocument(const std::string &path, std::string &text, int &status)
 {
-    std::ifstream in(path);
-    std::stringstream whole;
-    whole << in.rdbuf();
-    if (!in) {
-        std::cerr << "hmisvc: " << path << ": cannot read" << std::endl;
-        status = 1;
-        return false;
-    }
-    text = whole.str();
-    if (tooLarge(path, text)) {
-        status = 2;
+    bool refused = false;
+    if (std::string why = hmisvc::tools::read_json_file(path, text, refused); !why.empty()) {
+        std::cerr << "hmisvc: " << why << std::endl;
+        status = refused ? 2 : 1;
         return false;
     }
     return true;
@@ -272,9 +265,14 @@ void addDouble(CLI::App &sim, Session &session)
             }
             if (!parsed("the simulator's answer", answer, page))
                 return void(status = 1);
+            if (!page["calls"].is_array() || (page.value("more", false) && page["calls"].empty())) {
+                // A page without a call would be asked for again and again.
+                std::cerr << "hmisvc: the simulator's answer has more calls but none on its page" << std::endl;
+                return void(status = 1);
+            }
             for (Json &c : page["calls"])
                 all.push_back(std::move(c));
-            if (!page.value("more", false) || all.empty())
+            if (!page.value("more", false))
                 break;
             filter["since"] = all.back()["seq"];  // the next page
         }

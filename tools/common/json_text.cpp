@@ -1,5 +1,11 @@
 #include "json_text.h"
 
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace hmisvc::tools {
 
 namespace {
@@ -117,6 +123,48 @@ std::size_t json_depth(std::string_view text)
         }
     }
     return deepest;
+}
+
+std::string read_json_file(const std::string &path, std::string &text, bool &refused)
+{
+    refused = false;
+    // Without blocking on a pipe's writer; checked on what was opened.
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return path + ": cannot read (" + std::strerror(errno) + ")";
+    struct stat st {};
+    std::string why;
+    if (::fstat(fd, &st) != 0) {
+        why = path + ": cannot read (" + std::strerror(errno) + ")";
+    } else if (!S_ISREG(st.st_mode)) {
+        why = path + ": not a regular file", refused = true;
+    } else if (static_cast<std::size_t>(st.st_size) > kMaxJsonBytes) {
+        why = path + ": " + std::to_string(st.st_size) + " bytes; documents take at most " +
+              std::to_string(kMaxJsonBytes), refused = true;
+    } else {
+        // One byte more than the bound tells a file that grew since.
+        text.assign(kMaxJsonBytes + 1, '\0');
+        std::size_t got = 0;
+        while (got < text.size()) {
+            ssize_t n = ::read(fd, &text[got], text.size() - got);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0) {
+                why = path + ": cannot read (" + std::strerror(errno) + ")";
+                break;
+            }
+            if (n == 0)
+                break;
+            got += static_cast<std::size_t>(n);
+        }
+        text.resize(got);
+        if (why.empty() && got > kMaxJsonBytes)
+            why = path + ": grew past " + std::to_string(kMaxJsonBytes) + " bytes while read", refused = true;
+    }
+    ::close(fd);
+    if (!why.empty())
+        text.clear();
+    return why;
 }
 
 }  // namespace hmisvc::tools

@@ -44,6 +44,12 @@ std::string printable(std::string_view bytes);
 constexpr std::size_t kMaxJsonDepth = 64;
 constexpr std::size_t kMaxJsonBytes = 512 * 1024;
 
+// A JSON document from a file, read whole: "" with `text` set, or why not
+// ("PATH: ..."), with `refused` set when it is not a regular file or is
+// larger than kMaxJsonBytes (both found before reading: /dev/zero or a pipe
+// would never end) rather than unreadable.
+std::string read_json_file(const std::string &path, std::string &text, bool &refused);
+
 // The deepest nesting of arrays and objects in `text`, read as JSON would
 // be (brackets inside strings do not count); the text need not be JSON.
 std::size_t json_depth(std::string_view text);

@@ -2,7 +2,7 @@
 
 #include "protocol.h"
 
-#include <sys/ioctl.h>
+#include <hmisvc/binder_seam.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -30,7 +30,7 @@ int write_block(binder_connection *bs, const void *data, std::size_t len)
     binder_write_read bwr{};
     bwr.write_size = static_cast<binder_size_t>(len);
     bwr.write_buffer = wire_ptr(data);
-    return ioctl(bs->fd, BINDER_WRITE_READ, &bwr);
+    return binder_ioctl(bs, BINDER_WRITE_READ, &bwr);
 }
 
 template <class T> void command(binder_connection *bs, uint32_t cmd, const T &arg)
@@ -148,7 +148,7 @@ void serve(binder_connection *bs, const TxnHandler &handler, std::size_t reply_a
         binder_write_read bwr{};
         bwr.read_size = sizeof buf;
         bwr.read_buffer = wire_ptr(buf);
-        if (ioctl(bs->fd, BINDER_WRITE_READ, &bwr) < 0) {
+        if (binder_ioctl(bs, BINDER_WRITE_READ, &bwr) < 0) {
             if (errno == EINTR || errno == EAGAIN)
                 continue;
             std::fprintf(stderr, "looper: ioctl failed (%s)\n", std::strerror(errno));

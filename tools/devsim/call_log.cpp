@@ -1,11 +1,46 @@
 #include "call_log.h"
 
+#include <cstdio>
 #include <fstream>
 
 namespace hmisvc::devsim {
 
+namespace {
+
+// The first `n` bytes of a UTF-8 text, not splitting a character.
+std::string start_of(const std::string &text, std::size_t n)
+{
+    while (n > 0 && n < text.size() && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80)
+        --n;
+    return text.substr(0, n);
+}
+
+Json cut_marker(const std::string &text, std::size_t keep)
+{
+    return {{"cut", start_of(text, keep)}, {"bytes", text.size()}};
+}
+
+// Every text beyond `keep` bytes in `v` as its marked start.
+void cut_texts(Json &v, std::size_t keep)
+{
+    if (v.is_string() && v.get_ref<const std::string &>().size() > keep)
+        v = cut_marker(v.get_ref<const std::string &>(), keep);
+    else if (v.is_structured())
+        for (Json &e : v)
+            cut_texts(e, keep);
+}
+
+}  // namespace
+
 uint64_t CallLog::add(Json call, const std::string &program)
 {
+    for (const char *part : {"args", "reply"})
+        if (auto at = call.find(part); at != call.end()) {
+            cut_texts(*at, kTextBytes);
+            // Many short texts (an intent of many extras): the JSON's start.
+            if (std::string whole = tools::dump_json(*at); whole.size() > kCallBytes / 2)
+                *at = cut_marker(whole, kTextBytes);
+        }
     Entry e;
     e.service = call.value("service", "");
     e.method = call["method"].is_string() ? call["method"].get<std::string>() : std::string();
@@ -21,9 +56,19 @@ uint64_t CallLog::add(Json call, const std::string &program)
         out.update(call);
         out["program"] = tools::to_json_text(program);
         e.text = tools::dump_json(out);
+        bytes_ += e.bytes();
         calls_.push_back(std::move(e));
-        while (calls_.size() > keep_)
+        while (calls_.size() > keep_ || (bytes_ > keep_bytes_ && calls_.size() > 1)) {
+            bytes_ -= calls_.front().bytes();
             calls_.pop_front();
+            // Said at the first and then every thousandth: a busy device
+            // fills the log in normal use.
+            if (dropped_++ % 1000 == 0)
+                std::fprintf(stderr,
+                             "hmisvc-devsim: call log full (%zu calls, %zu bytes kept at most): the oldest make "
+                             "room, %llu so far\n",
+                             keep_, keep_bytes_, static_cast<unsigned long long>(dropped_));
+        }
     }
     added_.notify_all();
     return seq;
@@ -36,20 +81,30 @@ bool CallLog::matches(const Entry &e, const CallFilter &f, const std::string &ar
            (!f.args || e.args == args);
 }
 
-std::vector<std::string> CallLog::find_locked(const CallFilter &filter) const
+std::vector<std::string> CallLog::find_locked(const CallFilter &filter, std::size_t max_bytes, bool *more) const
 {
     std::string args = filter.args ? tools::dump_json(*filter.args) : std::string();
     std::vector<std::string> out;
+    std::size_t bytes = 0;
+    if (more)
+        *more = false;
     for (const Entry &e : calls_)
-        if (matches(e, filter, args))
+        if (matches(e, filter, args)) {
+            if (max_bytes && !out.empty() && bytes + e.text.size() > max_bytes) {
+                if (more)
+                    *more = true;
+                break;
+            }
+            bytes += e.text.size();
             out.push_back(e.text);
+        }
     return out;
 }
 
-std::vector<std::string> CallLog::find(const CallFilter &filter) const
+std::vector<std::string> CallLog::find(const CallFilter &filter, std::size_t max_bytes, bool *more) const
 {
     std::lock_guard<std::mutex> hold(mutex_);
-    return find_locked(filter);
+    return find_locked(filter, max_bytes, more);
 }
 
 uint64_t CallLog::mark() const
@@ -62,6 +117,19 @@ void CallLog::clear()
 {
     std::lock_guard<std::mutex> hold(mutex_);
     calls_.clear();
+    bytes_ = 0;
+}
+
+std::size_t CallLog::bytes() const
+{
+    std::lock_guard<std::mutex> hold(mutex_);
+    return bytes_;
+}
+
+uint64_t CallLog::dropped() const
+{
+    std::lock_guard<std::mutex> hold(mutex_);
+    return dropped_;
 }
 
 std::size_t CallLog::size() const

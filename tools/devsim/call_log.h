@@ -1,7 +1,11 @@
 // Every call the simulated device served, kept in memory for the tests of
-// an application: read back with filters, counted, waited for. Bounded: the
-// oldest calls make room for new ones. Sequence numbers only grow, also
-// across clear(), so that a mark taken before stays meaningful.
+// an application: read back with filters, counted, waited for. Bounded in
+// count and in bytes: a text in a call longer than kTextBytes is kept as its
+// start, marked {"cut": START, "bytes": WHOLE}, arguments or answer still
+// beyond kCallBytes as the start of their JSON the same way; the oldest
+// calls make room for new ones, counted (dropped()) and said on stderr.
+// Sequence numbers only grow, also across clear(), so that a mark taken
+// before stays meaningful.
 #ifndef HMISVC_DEVSIM_CALL_LOG_H
 #define HMISVC_DEVSIM_CALL_LOG_H
 
@@ -30,18 +34,29 @@ struct CallFilter {
 class CallLog {
 public:
     static constexpr std::size_t kDefaultKeep = 10000;
-    explicit CallLog(std::size_t keep = kDefaultKeep) : keep_(keep ? keep : 1) {}
+    static constexpr std::size_t kTextBytes = 1024;
+    static constexpr std::size_t kCallBytes = 8 * 1024;
+    static constexpr std::size_t kDefaultKeepBytes = 8 * 1024 * 1024;
+    explicit CallLog(std::size_t keep = kDefaultKeep, std::size_t keep_bytes = kDefaultKeepBytes)
+        : keep_(keep ? keep : 1), keep_bytes_(keep_bytes)
+    {
+    }
 
     // Takes a call's trace record (service, method, args, reply or
     // status/error...), gives it its sequence number and the caller's
     // program name, and wakes the waits; answers the sequence number.
     uint64_t add(Json call, const std::string &program);
-    // The kept calls that match, oldest first, as compact JSON texts.
-    std::vector<std::string> find(const CallFilter &filter) const;
+    // The kept calls that match, oldest first, as compact JSON texts; with
+    // max_bytes, as many as fit in that many bytes (at least one), `more`
+    // set when others match after them.
+    std::vector<std::string> find(const CallFilter &filter, std::size_t max_bytes = 0, bool *more = nullptr) const;
     // The sequence number of the last call so far (0: none yet).
     uint64_t mark() const;
     void clear();
     std::size_t size() const;
+    // The bytes the kept calls take, and how many calls made room so far.
+    std::size_t bytes() const;
+    uint64_t dropped() const;
     std::size_t keep() const { return keep_; }
     // Before the calls come: how many to keep.
     void keep(std::size_t n) { keep_ = n ? n : 1; }
@@ -69,11 +84,16 @@ private:
         std::string service, method, program;
         std::string args;  // compact JSON of the arguments ("" for none given)
         std::string text;  // the whole record
+        std::size_t bytes() const { return sizeof(Entry) + service.size() + method.size() + program.size() + args.size() + text.size(); }
     };
     static bool matches(const Entry &e, const CallFilter &f, const std::string &args);
-    std::vector<std::string> find_locked(const CallFilter &filter) const;
+    std::vector<std::string> find_locked(const CallFilter &filter, std::size_t max_bytes = 0,
+                                         bool *more = nullptr) const;
 
     std::size_t keep_;
+    std::size_t keep_bytes_;
+    std::size_t bytes_ = 0;
+    uint64_t dropped_ = 0;
     mutable std::mutex mutex_;
     std::condition_variable added_;
     std::deque<Entry> calls_;

@@ -168,7 +168,7 @@ Result Control::at_key(Json &state, const std::string &key, Json *&at) const
                 for (auto it = at->begin(); it != at->end(); ++it)
                     near.push_back(key.substr(0, from) + it.key());
             return refused(shown_key + ": no such key (see `hmisvc sim dump`)" +
-                           (near.empty() ? "" : "; nearest: " + nearest_names(shown_key, near)));
+                           (near.empty() || key.size() > kNameBytes ? "" : "; nearest: " + nearest_names(shown_key, near)));
         }
         at = &(*at)[step];
         if (settings_key || dot == std::string::npos)
@@ -378,11 +378,16 @@ Result Control::calls(const Json &filter, std::size_t max_bytes)
     CallFilter f;
     if (Result r = filter_of(filter, f, {}); r.code != Result::kDone)
         return r;
+    // A page of calls, each smaller than a page: every page brings one at
+    // least, so that paging with "since" ends.
     std::size_t left_out = 0;
-    std::string list = array_of(simulator_.calls().find(f), max_bytes, left_out);
+    bool more = false;
+    std::vector<std::string> page = simulator_.calls().find(f, max_bytes ? max_bytes - 64 : 0, &more);
+    std::string list = array_of(page, 0, left_out);
     if (!max_bytes)
         return {Result::kDone, list};
-    return {Result::kDone, "{\"calls\":" + list + ",\"more\":" + (left_out ? "true" : "false") + "}"};
+    return {Result::kDone, "{\"calls\":" + list + ",\"more\":" + (more ? "true" : "false") +
+                               ",\"dropped\":" + std::to_string(simulator_.calls().dropped()) + "}"};
 }
 
 Result Control::mark() { return {Result::kDone, std::to_string(simulator_.calls().mark())}; }
@@ -493,7 +498,8 @@ Result Control::reply(const std::string &name, const std::vector<std::string> &t
     std::vector<Answer> answers;
     if (Result r = parse_answers(*m, texts, answers); r.code != Result::kDone)
         return r;
-    simulator_.queue(*m, std::move(answers));
+    if (std::string full = simulator_.queue(*m, std::move(answers)); !full.empty())
+        return {Result::kFailed, full};
     return {Result::kDone, m->name};
 }
 

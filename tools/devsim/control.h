@@ -69,8 +69,9 @@ public:
     // The calls logged that match FILTER, a JSON object with any of
     // "service", "method", "program", "since" (a mark), "args" (an array):
     // a JSON array of call objects, oldest first. With max_bytes, at most
-    // that much: then {"calls": [...], "more": true|false}, the rest to ask
-    // for with "since" the last seq.
+    // that much (one call at least): then {"calls": [...], "more":
+    // true|false, "dropped": N}, the rest to ask for with "since" the last
+    // seq; N calls made room in the log so far.
     Result calls(const Json &filter, std::size_t max_bytes = 0);
     // The sequence number of the last call logged (0 when none).
     Result mark();

@@ -111,14 +111,11 @@ int main(int argc, char **argv)
     }
     std::string scenario;
     if (!scenario_file.empty()) {
-        std::ifstream in(scenario_file);
-        std::stringstream text;
-        text << in.rdbuf();
-        if (!in) {
-            std::fprintf(stderr, "hmisvc-devsim: %s: cannot read\n", scenario_file.c_str());
+        bool refused = false;
+        if (std::string why = hmisvc::tools::read_json_file(scenario_file, scenario, refused); !why.empty()) {
+            std::fprintf(stderr, "hmisvc-devsim: %s\n", why.c_str());
             return 2;
         }
-        scenario = text.str();
     }
 #ifdef HMISVC_PANEL
     hmisvc::devsim::HttpAddress http_address;
@@ -138,12 +135,11 @@ int main(int argc, char **argv)
         return fail(err);
     Json state;
     if (!state_file.empty()) {
-        std::ifstream in(state_file);
-        std::stringstream text;
-        text << in.rdbuf();
-        if (!in)
-            return fail(state_file + ": cannot read");
-        if (std::string why = hmisvc::tools::parse_json(text.str(), state); !why.empty())
+        std::string text;
+        bool refused = false;
+        if (std::string why = hmisvc::tools::read_json_file(state_file, text, refused); !why.empty())
+            return refused ? (fail(why), 2) : fail(why);
+        if (std::string why = hmisvc::tools::parse_json(text, state); !why.empty())
             return fail(state_file + ": " + why);
         try {
             hmisvc::devsim::StateJson::load(device, state);

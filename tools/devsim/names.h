@@ -31,22 +31,32 @@ inline std::size_t name_distance(const std::string &a, const std::string &b)
     return row[b.size()];
 }
 
+// Longer names are refused as they are, without looking for the nearest:
+// the search costs the product of the lengths, for every known name.
+constexpr std::size_t kNameBytes = 128;
+
 // The (up to) three known names nearest to `name`, comma-separated.
-inline std::string nearest_names(const std::string &name, std::vector<std::string> known)
+inline std::string nearest_names(const std::string &name, const std::vector<std::string> &known)
 {
-    std::stable_sort(known.begin(), known.end(), [&](const std::string &x, const std::string &y) {
-        return name_distance(name, x) < name_distance(name, y);
-    });
+    std::vector<std::pair<std::size_t, std::size_t>> by_distance;  // distance, index
+    for (std::size_t i = 0; i < known.size(); ++i)
+        by_distance.emplace_back(name_distance(name, known[i]), i);
+    std::stable_sort(by_distance.begin(), by_distance.end(),
+                     [](const auto &x, const auto &y) { return x.first < y.first; });
     std::string out;
-    for (std::size_t i = 0; i < known.size() && i < 3; ++i)
-        out += (i ? ", " : "") + known[i];
+    for (std::size_t i = 0; i < by_distance.size() && i < 3; ++i)
+        out += (i ? ", " : "") + known[by_distance[i].second];
     return out;
 }
 
-// "no KIND \"NAME\" (nearest: A, B, C)".
-inline std::string unknown_name(const std::string &kind, const std::string &name, std::vector<std::string> known)
+// "no KIND \"NAME\" (nearest: A, B, C)"; past kNameBytes, "no KIND of N
+// bytes (names have at most 128)".
+inline std::string unknown_name(const std::string &kind, const std::string &name, const std::vector<std::string> &known)
 {
-    return "no " + kind + " \"" + name + "\" (nearest: " + nearest_names(name, std::move(known)) + ")";
+    if (name.size() > kNameBytes)
+        return "no " + kind + " of " + std::to_string(name.size()) + " bytes (names have at most " +
+               std::to_string(kNameBytes) + ")";
+    return "no " + kind + " \"" + name + "\" (nearest: " + nearest_names(name, known) + ")";
 }
 
 }  // namespace hmisvc::devsim

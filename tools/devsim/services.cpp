@@ -479,6 +479,8 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
         if (auto q = answers_.find(method); q != answers_.end() && !q->second.empty()) {
             scripted = std::move(q->second.front());
             q->second.pop_front();
+            --queued_answers_;
+            queued_bytes_ -= scripted->text().size();
             if (scripted->kind == Answer::kDelay)
                 injected = true, fault = {Fault::kFailCall, 1, scripted->n}, scripted.reset();
         }
@@ -590,14 +592,29 @@ std::string Answer::text() const
     }
 }
 
-void Simulator::queue(const Method &method, std::vector<Answer> answers)
+std::string Simulator::queue(const Method &method, std::vector<Answer> answers)
 {
     std::lock_guard<std::mutex> hold(mutex_);
-    if (answers.empty())
+    if (answers.empty()) {
+        if (auto q = answers_.find(&method); q != answers_.end())
+            for (const Answer &a : q->second)
+                --queued_answers_, queued_bytes_ -= a.text().size();
         answers_.erase(&method);
-    else
-        for (Answer &a : answers)
-            answers_[&method].push_back(std::move(a));
+        return "";
+    }
+    std::size_t bytes = 0;
+    for (const Answer &a : answers)
+        bytes += a.text().size();
+    if (queued_answers_ + answers.size() > kMaxAnswers || queued_bytes_ + bytes > kAnswerBytes)
+        return "the reply queues hold at most " + std::to_string(kMaxAnswers) + " answers and " +
+               std::to_string(kAnswerBytes) + " bytes of them; " + std::to_string(queued_answers_) + " (" +
+               std::to_string(queued_bytes_) + " bytes) are queued, these are " + std::to_string(answers.size()) +
+               " (" + std::to_string(bytes) + " bytes)";
+    queued_answers_ += answers.size();
+    queued_bytes_ += bytes;
+    for (Answer &a : answers)
+        answers_[&method].push_back(std::move(a));
+    return "";
 }
 
 std::map<std::string, std::vector<std::string>> Simulator::queued()
@@ -616,6 +633,7 @@ void Simulator::clear_locked()
 {
     faults_.clear();
     answers_.clear();
+    queued_answers_ = queued_bytes_ = 0;
     for (const Service &s : services_)
         ++heals_[&s];
     healed_.notify_all();

@@ -176,8 +176,13 @@ public:
     std::map<std::string, Fault> faults();
 
     // Queues answers for a method's next calls (after those queued), or
-    // with none empties its queue.
-    void queue(const Method &method, std::vector<Answer> answers);
+    // with none empties its queue. All queues together hold at most
+    // kMaxAnswers answers and kAnswerBytes of their texts, so that a dump
+    // showing them still fits its reply: past that all are refused, and
+    // the answer says why ("" when queued).
+    static constexpr std::size_t kMaxAnswers = 256;
+    static constexpr std::size_t kAnswerBytes = 64 * 1024;
+    std::string queue(const Method &method, std::vector<Answer> answers);
     // The queued answers, by "service.method", as their texts.
     std::map<std::string, std::vector<std::string>> queued();
     // With the device's lock held (see lock()): no fault, no queued answer,
@@ -218,6 +223,7 @@ private:
     std::function<void(bool)> on_delay_;
     Observer observer_;
     std::map<const Method *, std::deque<Answer>> answers_;
+    std::size_t queued_answers_ = 0, queued_bytes_ = 0;
     CallLog calls_;
 };
 

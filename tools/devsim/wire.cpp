@@ -1,8 +1,6 @@
 #include "wire.h"
 
-#include <cereal/archives/binary.hpp>
-#include <cereal/types/map.hpp>
-#include <cereal/types/string.hpp>
+#include "records/encoding.h"
 
 #include <map>
 #include <sstream>
@@ -117,8 +115,7 @@ Json intent_json(const std::string &bytes)
     std::map<std::string, int> ints;
     std::map<std::string, std::string> strings;
     try {
-        std::istringstream in(bytes);
-        cereal::BinaryInputArchive read(in);
+        records::ViewInputArchive read(bytes.data(), bytes.size());
         read(action, ints, strings);
         std::ostringstream again;
         {

@@ -1,12 +1,13 @@
 #include "peer.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 namespace peer {
 
 namespace {
 
-int echo(binder_connection *, binder_transaction_data *txn, binder_io *msg, binder_io *reply,
+int echo(binder_connection *bs, binder_transaction_data *txn, binder_io *msg, binder_io *reply,
          void *)
 {
     switch (txn->code) {
@@ -15,6 +16,33 @@ int echo(binder_connection *, binder_transaction_data *txn, binder_io *msg, bind
         return 0;
     case ECHO_PID:
         bio_put_uint32(reply, static_cast<uint32_t>(getpid()));
+        return 0;
+    case ECHO_SENDER:
+        bio_put_uint32(reply, static_cast<uint32_t>(txn->sender_pid));
+        bio_put_uint32(reply, txn->sender_euid);
+        return 0;
+    case ECHO_NEST: {
+        const uint32_t handle = bio_get_ref(msg);
+        char area[64];
+        binder_io ask, answer;
+        bio_init(&ask, area, sizeof area, 4);
+        bio_put_uint32(&ask, 0);
+        if (!handle || binder_call(bs, &ask, &answer, handle, ECHO_ADD1) != 0)
+            return -4;
+        bio_put_uint32(reply, bio_get_uint32(&answer));
+        binder_done(bs, &ask, &answer);
+        return 0;
+    }
+    case ECHO_BOUNCE: {
+        // Held past the request's buffer, which the reply gives back first.
+        const uint32_t handle = bio_get_ref(msg);
+        binder_acquire(bs, handle);
+        bio_put_ref(reply, handle);
+        return 0;
+    }
+    case ECHO_DIE:
+        kill(getpid(), SIGKILL);
+        pause();
         return 0;
     default:
         return -3;

@@ -17,6 +17,10 @@ namespace peer {
 enum EchoCode : uint32_t {
     ECHO_ADD1 = 1,  // uint32 n -> n + 1
     ECHO_PID = 2,   // -> the service's process id
+    ECHO_SENDER = 3, // -> the caller's pid and euid as the driver gives them
+    ECHO_DIE = 4,    // the service is killed while it serves the call
+    ECHO_NEST = 5,   // object -> what the object answers ECHO_ADD1 with 0, asked meanwhile
+    ECHO_BOUNCE = 6, // object -> the same object, sent back
 };
 
 // An echo service publishing itself under each of `names`, serving with

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <tuple>
 
 namespace hmisvc::devsim {
 namespace {
@@ -85,6 +86,41 @@ TEST(CallLog, KeepsTheNewestAndNumbersOnAcrossClear)
     EXPECT_EQ(log.size(), 0u);
     EXPECT_EQ(log.mark(), 5u);  // a mark taken before stays meaningful
     EXPECT_EQ(log.add(call("beep", "Beep", {0, 0}), "app"), 6u);
+}
+
+// Two 200,000-byte texts per call once took 884 MB in 160 calls; a text
+// cut keeps whole characters; many short texts keep the JSON's start.
+TEST(CallLog, BoundedInBytesWithCutTextsMarked)
+{
+    const std::string big(200000, 'x');
+    CallLog log(CallLog::kDefaultKeep, 1024 * 1024);
+    for (int i = 0; i < 2000; ++i)
+        log.add(call("system", "SetText", {big, "short"}), "app");
+    EXPECT_LE(log.bytes(), 1024u * 1024);
+    EXPECT_EQ(log.dropped() + log.size(), 2000u);
+    EXPECT_EQ(Json::parse(log.find({}).back())["args"],
+              (Json{{{"cut", big.substr(0, CallLog::kTextBytes)}, {"bytes", 200000}}, "short"}));
+
+    const Json many(std::vector<std::string>(2000, "v"));
+    log.add(call("broadcast", "Send", {many}), "app");
+    log.add(call("system", "SetText", {std::string(CallLog::kTextBytes - 1, 'a') + "\u00e9"}), "app");
+    auto last = log.find({});
+    EXPECT_EQ(Json::parse(last[last.size() - 2])["args"]["bytes"], tools::dump_json(Json{many}).size());
+    EXPECT_EQ(Json::parse(last.back())["args"][0]["cut"], std::string(CallLog::kTextBytes - 1, 'a'));
+}
+
+// A page holds what fits, one call at least, so that paging ends.
+TEST(CallLog, PagesBringOneCallAtLeast)
+{
+    CallLog log;
+    fill(log);
+    const std::size_t two = log.find({})[0].size() + log.find({})[1].size();
+    bool more = false;
+    for (auto [since, bytes, want, then] : {std::tuple{0, std::size_t{1}, std::vector<uint64_t>{1}, true},
+                                            {0, two, {1, 2}, true}, {3, two, {4, 5}, false}}) {
+        EXPECT_EQ(seqs(log.find({"", "", "", uint64_t(since), std::nullopt}, bytes, &more)), want);
+        EXPECT_EQ(more, then);
+    }
 }
 
 TEST(CallLog, Waits)
@@ -278,6 +314,10 @@ TEST(Names, Nearest)
     const std::vector<std::string> known = {"GetBrightness", "SetBrightness", "SetBrightnessToMax", "Beep", "Lock"};
     EXPECT_EQ(nearest_names("SetBrightnes", known), "SetBrightness, GetBrightness, SetBrightnessToMax");
     EXPECT_EQ(unknown_name("method", "beap", known), "no method \"beap\" (nearest: Beep, Lock, GetBrightness)");
+    // Past 128 bytes refused as it is: four 60,000-byte names once held
+    // every service for minutes while the nearest were looked for.
+    EXPECT_EQ(unknown_name("method", std::string(128, 'B'), known).substr(0, 12), "no method \"B");
+    EXPECT_EQ(unknown_name("method", std::string(60000, 'B'), known), "no method of 60000 bytes (names have at most 128)");
 }
 
 }  // namespace

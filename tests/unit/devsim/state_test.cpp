@@ -90,6 +90,22 @@ TEST_F(Steered, LoadedServicesSectionFailsServicesOrIsRefusedWhole)
     EXPECT_EQ(simulator.faults().count("vpn"), 0u);
 }
 
+// Unbounded queues once took 92 MB and then made every dump too large.
+TEST_F(Steered, ReplyQueuesAreBoundedInCountAndBytesAndRefusedWhole)
+{
+    const std::string text = "\"" + std::string(1000, 'x') + "\"";  // 1,002 bytes
+    control.remember_start({});
+    EXPECT_EQ(control.reply("GetBrightness", std::vector<std::string>(Simulator::kMaxAnswers, "5")).code, 0);
+    EXPECT_EQ(control.reply("GetHmiName", {"x"}).code, 1);
+    EXPECT_EQ(control.reply("GetBrightness", {}).code, 0);                              // emptied
+    EXPECT_EQ(control.reply("GetHmiName", std::vector<std::string>(60, text)).code, 0);
+    EXPECT_EQ(control.reply("GetHmiName", std::vector<std::string>(6, text)).code, 1);  // past 64 KiB: none
+    EXPECT_EQ(control.reply("GetHmiName", std::vector<std::string>(5, text)).code, 0);
+    EXPECT_EQ(settled_dump(control)["replies"]["system.GetHmiName"].size(), 65u);
+    EXPECT_EQ(control.reset().code, 0);
+    EXPECT_EQ(control.reply("GetHmiName", std::vector<std::string>(65, text)).code, 0);
+}
+
 TEST_F(Steered, ADumpLargerThanTheReplyAreaIsAnErrorNotCut)
 {
     simulator.add_extra(&control.service());

@@ -111,8 +111,9 @@ TEST(IntentWire, SizeFieldsAboveThirtyTwoBits)
 }
 
 // Decoding "act" {a:1, b:2} {s:"v"} over "older-action" {z:9} {y:"w"}, cut
-// short: what arrived stays, a map is cleared once its count is in and holds
-// the entries that arrived whole.
+// short: what arrived stays, a string whose bytes are not all there is
+// unchanged, a map is cleared once its count is in and holds the entries
+// that arrived whole.
 TEST(IntentWire, ShortInputOfEveryLengthFailsAndLeavesWhatArrived)
 {
     const std::string encoded = makeIntent("act", {{"a", 1}, {"b", 2}}, {{"s", "v"}}).toString();
@@ -125,10 +126,6 @@ TEST(IntentWire, ShortInputOfEveryLengthFailsAndLeavesWhatArrived)
     // From this many bytes on, the intent holds this.
     const std::vector<std::pair<std::size_t, std::function<Intent(std::size_t)>>> stages = {
         {0, [&](std::size_t) { return makeIntent("older-action", staleInts, staleStrings); }},
-        {8, [&](std::size_t cut) {
-             return makeIntent(std::string("act").substr(0, cut - 8) + std::string("old").substr(cut - 8),
-                               staleInts, staleStrings);
-         }},
         {11, [&](std::size_t) { return makeIntent("act", staleInts, staleStrings); }},
         {19, [&](std::size_t) { return makeIntent("act", {}, staleStrings); }},
         {32, [&](std::size_t) { return makeIntent("act", {{"a", 1}}, staleStrings); }},

@@ -1,8 +1,10 @@
+#include <hmisvc/broadcast.h>
 #include <hmisvc/records.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -10,6 +12,18 @@
 #include "wire.h"
 
 using namespace wire;
+
+namespace {
+std::size_t largest = 0;  // the largest block asked of operator new
+} // namespace
+
+void *operator new(std::size_t size)
+{
+    largest = std::max(largest, size);
+    return std::malloc(size ? size : 1);  // none fails here
+}
+[[gnu::noinline]] void operator delete(void *p) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void *p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -108,10 +122,9 @@ std::pair<std::vector<std::string>, std::string> afterCut(Record before, const s
         std::memcpy(&length, wire.data() + pos, 4);
         pos += 8;
         got = std::min<std::size_t>(length, cut - pos);
-        st[i].resize(length);
-        st[i].replace(0, got, wire, pos, got);
         if (got < length)
             return {st, readError(length, got)};
+        st[i] = wire.substr(pos, length);
         pos += length;
     }
     return {st, "no error"};
@@ -262,6 +275,29 @@ TEST(DatePrintTime, PrintsOneLineWithExtraRunningOn)
         Date date = make<Date>(values);
         EXPECT_EQ(captureStdout([&] { date.PrintTime(); }), c.line);
     }
+}
+
+// A size field claiming more than the bytes left is the short record's read
+// error, raised before anything of that size is allocated.
+template <class Record>
+void expectShort(const std::string &hexBytes, std::size_t claimed, std::size_t present)
+{
+    const std::string data = bytes(hexBytes);
+    Record record;
+    largest = 0;
+    EXPECT_EQ(decodeError(record, data), readError(claimed, present));
+    EXPECT_LE(largest, data.size() + 256);  // the copy fromString takes, the error's message
+}
+
+TEST(RecordWire, SizeFieldBeyondTheBytesLeftIsAShortRecordBeforeAnyAllocation)
+{
+    const std::string k16 = "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 ", k0 = kEmpty + " ";
+    // A SetEthinfo whose first text says 768 MiB, in 24 bytes.
+    expectShort<NetInfo>("00 00 00 30 00 00 00 00 " + k16, 0x30000000, 16);
+    expectShort<WifiInfo>("FF FF FF FF FF FF FF FF", 0xFFFFFFFF, 0);  // the upper half is ignored
+    expectShort<Intent>(k0 + "01 00 00 00 00 00 00 00 00 00 00 10 00 00 00 00 6B", 0x10000000, 1);  // int key
+    expectShort<Intent>(k0 + k0 + "01 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 73 00 00 00 20 00 00 00 00 " + k16,
+                        0x20000000, 16);  // string value
 }
 
 } // namespace

@@ -1,0 +1,429 @@
+// The binder layer's seam: the kernel's driver through its device, or the
+// userspace driver (hmisvc-binderd) through its socket. Over the socket each
+// thread that calls has a connection of its own, so the driver tells the
+// threads apart as the kernel does; the first one, made by binder_open, is
+// the process's and ends it when closed.
+
+#include "binder/seam.h"
+
+#include "binder/protocol.h"
+#include "binder/seam_wire.h"
+
+#include <hmisvc/binder_seam.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <mutex>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <unordered_map>
+#include <vector>
+
+namespace hmisvc::binder {
+
+namespace {
+
+struct Session {
+    uint64_t generation;
+    uint64_t token = 0;
+    std::vector<int> threads; // other threads' connections
+};
+
+std::mutex sessions_lock;
+std::unordered_map<int, Session> sessions; // by the process connection
+uint64_t generations = 0;
+// Set once a userspace driver's connection was made: until then every call
+// goes straight to the device.
+std::atomic<bool> any_session{false};
+
+// This thread's connections: (process connection, generation) -> its own.
+struct ThreadConnections {
+    struct Entry {
+        int session;
+        uint64_t generation;
+        int fd;
+    };
+    std::vector<Entry> entries;
+    ~ThreadConnections()
+    {
+        std::lock_guard<std::mutex> hold(sessions_lock);
+        for (const Entry &e : entries) {
+            auto s = sessions.find(e.session);
+            if (e.fd == e.session || s == sessions.end() || s->second.generation != e.generation)
+                continue;
+            auto &fds = s->second.threads;
+            fds.erase(std::remove(fds.begin(), fds.end(), e.fd), fds.end());
+            close(e.fd);
+        }
+    }
+};
+thread_local ThreadConnections thread_connections;
+
+int connect_driver(const char *path)
+{
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (std::strlen(path) >= sizeof addr.sun_path) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    std::strcpy(addr.sun_path, path);
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    const int size = seam::kMaxPacket + 4096;
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+// Room for the pieces of one request: a write may carry this many
+// transactions (the library writes one at a time).
+constexpr int kMaxTransactions = 40;
+constexpr size_t kMaxArg = 256; // the driver's ioctl arguments are far smaller
+
+// The pieces of one request, gathered straight from the caller's memory:
+// nothing is copied or allocated on the way.
+struct Pieces {
+    iovec iov[3 + 3 * kMaxTransactions];
+    int count = 0;
+    seam::Request head{};
+    seam::Attachment attached[kMaxTransactions];
+    int transactions = 0;
+    void add(const void *p, size_t n)
+    {
+        iov[count++] = {const_cast<void *>(p), n};
+    }
+};
+
+// Where an answer goes: its header, the ioctl's argument, the bytes read.
+struct Landing {
+    seam::Answer head{};
+    void *arg = nullptr;
+    size_t arg_size = 0;
+    void *read = nullptr;
+    size_t read_room = 0;
+    size_t read_got = 0;
+    bool arg_back = false; // the answer held the argument
+    int passed_fd = -1;
+};
+
+// Runs `io` until it succeeds or fails for good. Neither a signal nor a
+// connection its owner made non-blocking ends the wait: the answer to a
+// request is still to come, and the next request must not take it.
+template <typename Io>
+bool wait_for(int fd, short event, Io io)
+{
+    for (;;) {
+        if (io() >= 0)
+            return true;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            pollfd p{fd, event, 0};
+            poll(&p, 1, -1);
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+}
+
+// One request and its answer. -1 with errno when the driver cannot be
+// reached or refuses.
+int exchange(int fd, const Pieces &out, Landing &in)
+{
+    msghdr msg{};
+    msg.msg_iov = const_cast<iovec *>(out.iov);
+    msg.msg_iovlen = static_cast<size_t>(out.count);
+    if (!wait_for(fd, POLLOUT, [&] { return sendmsg(fd, &msg, MSG_NOSIGNAL); }))
+        return -1;
+    iovec iov[3] = {{&in.head, sizeof in.head}, {in.arg, in.arg_size}, {in.read, in.read_room}};
+    msg = msghdr{};
+    msg.msg_iov = iov;
+    msg.msg_iovlen = 3;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    ssize_t got = -1;
+    wait_for(fd, POLLIN, [&] { return got = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC); });
+    if (got < static_cast<ssize_t>(sizeof in.head)) {
+        if (got >= 0)
+            errno = ECONNRESET;
+        return -1;
+    }
+    cmsghdr *c = CMSG_FIRSTHDR(&msg);
+    if (c && c->cmsg_type == SCM_RIGHTS)
+        std::memcpy(&in.passed_fd, CMSG_DATA(c), sizeof(int));
+    const size_t rest = static_cast<size_t>(got) - sizeof in.head;
+    in.arg_back = in.arg_size && rest >= in.arg_size;
+    in.read_got = rest > in.arg_size ? rest - in.arg_size : 0;
+    if (in.head.error) {
+        errno = in.head.error;
+        return -1;
+    }
+    return in.head.result;
+}
+
+// A request of `op` without payload.
+int simple(int fd, uint32_t op, uint64_t value, Landing &in)
+{
+    Pieces out;
+    out.head = {op, 0, value};
+    out.add(&out.head, sizeof out.head);
+    return exchange(fd, out, in);
+}
+
+// Commands whose write the driver always takes whole, without an error.
+bool never_fails(uint32_t cmd)
+{
+    switch (cmd) {
+    case BC_TRANSACTION:
+    case BC_REPLY:
+    case BC_FREE_BUFFER:
+    case BC_ACQUIRE:
+    case BC_RELEASE:
+    case BC_ENTER_LOOPER:
+    case BC_REQUEST_DEATH_NOTIFICATION:
+    case _IOW('c', 4, uint32_t):                           // BC_INCREFS
+    case _IOW('c', 7, uint32_t):                           // BC_DECREFS
+    case _IOW('c', 8, binder_ptr_cookie):                  // BC_INCREFS_DONE
+    case _IOW('c', 9, binder_ptr_cookie):                  // BC_ACQUIRE_DONE
+    case _IO('c', 11):                                     // BC_REGISTER_LOOPER
+    case _IO('c', 13):                                     // BC_EXIT_LOOPER
+    case _IOW('c', 15, char[sizeof(uint32_t) + sizeof(binder_uintptr_t)]): // BC_CLEAR_DEATH_NOTIFICATION
+    case _IOW('c', 16, binder_uintptr_t):                  // BC_DEAD_BINDER_DONE
+        return true;
+    default:
+        return false;
+    }
+}
+
+// The unconsumed commands of a write, and after them the data and offsets
+// of each transaction among them. False when there are too many. `posted`
+// tells whether the write cannot fail (see kPosted).
+bool add_writes(Pieces &out, const binder_write_read &bwr, bool *posted)
+{
+    const auto *cmds = native_ptr<const unsigned char>(bwr.write_buffer) + bwr.write_consumed;
+    const size_t n = static_cast<size_t>(bwr.write_size - bwr.write_consumed);
+    out.add(cmds, n);
+    *posted = bwr.read_size <= bwr.read_consumed;
+    for (size_t pos = 0; pos + sizeof(uint32_t) <= n;) {
+        const auto cmd = read_at<uint32_t>(cmds + pos);
+        pos += sizeof cmd;
+        // A failed transaction stops the write: only the last may be posted.
+        if (!never_fails(cmd) || pos + _IOC_SIZE(cmd) > n ||
+            ((cmd == BC_TRANSACTION || cmd == BC_REPLY) && pos + _IOC_SIZE(cmd) < n))
+            *posted = false;
+        if ((cmd == BC_TRANSACTION || cmd == BC_REPLY) && pos + sizeof(binder_transaction_data) <= n) {
+            if (out.transactions == kMaxTransactions)
+                return false;
+            const auto txn = read_at<binder_transaction_data>(cmds + pos);
+            seam::Attachment &a = out.attached[out.transactions++];
+            a = {txn.data_size, txn.offsets_size};
+            out.add(&a, sizeof a);
+            out.add(native_ptr<const void>(txn.data.ptr.buffer), txn.data_size);
+            out.add(native_ptr<const void>(txn.data.ptr.offsets), txn.offsets_size);
+        }
+        pos += _IOC_SIZE(cmd);
+    }
+    return true;
+}
+
+// The calling thread's connection to the process `fd` opened; -1 when `fd`
+// is no userspace driver's connection.
+int thread_connection(int fd, bool *userspace)
+{
+    uint64_t generation, token;
+    *userspace = false;
+    if (!any_session.load(std::memory_order_acquire))
+        return -1;
+    {
+        std::lock_guard<std::mutex> hold(sessions_lock);
+        auto s = sessions.find(fd);
+        *userspace = s != sessions.end();
+        if (!*userspace)
+            return -1;
+        generation = s->second.generation;
+        token = s->second.token;
+    }
+    auto &entries = thread_connections.entries;
+    // Entries of connections since closed under the same descriptor go.
+    entries.erase(std::remove_if(entries.begin(), entries.end(),
+                                 [&](const ThreadConnections::Entry &e) {
+                                     return e.session == fd && e.generation != generation;
+                                 }),
+                  entries.end());
+    for (const auto &e : entries)
+        if (e.session == fd)
+            return e.fd;
+    const char *path = std::getenv(seam::kSocketEnv);
+    const int own = path ? connect_driver(path) : -1;
+    Landing in;
+    if (own < 0 || simple(own, seam::kAttach, token, in) < 0) {
+        if (own >= 0)
+            close(own);
+        return -1;
+    }
+    std::lock_guard<std::mutex> hold(sessions_lock);
+    auto s = sessions.find(fd);
+    if (s == sessions.end() || s->second.generation != generation) {
+        close(own);
+        errno = EBADF;
+        return -1;
+    }
+    s->second.threads.push_back(own);
+    entries.push_back({fd, generation, own});
+    return own;
+}
+
+} // namespace
+
+int seam_open()
+{
+    const char *path = std::getenv(seam::kSocketEnv);
+    if (!path || !*path)
+        return open("/dev/binder", O_RDWR);
+    const int fd = connect_driver(path);
+    if (fd < 0)
+        return -1;
+    std::lock_guard<std::mutex> hold(sessions_lock);
+    const uint64_t generation = ++generations;
+    sessions[fd].generation = generation;
+    any_session.store(true, std::memory_order_release);
+    // The opening thread speaks through the process's own connection.
+    thread_connections.entries.push_back({fd, generation, fd});
+    return fd;
+}
+
+void *seam_map(int fd, size_t size)
+{
+    if (!any_session.load(std::memory_order_acquire))
+        return mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+    {
+        std::lock_guard<std::mutex> hold(sessions_lock);
+        if (!sessions.count(fd))
+            return mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+    }
+    Landing opened;
+    if (simple(fd, seam::kOpen, size, opened) < 0)
+        return MAP_FAILED;
+    const int memfd = opened.passed_fd;
+    {
+        std::lock_guard<std::mutex> hold(sessions_lock);
+        sessions[fd].token = opened.head.value;
+    }
+    void *map = mmap(nullptr, size, PROT_READ, MAP_SHARED, memfd, 0);
+    const int error = errno;
+    close(memfd);
+    if (map == MAP_FAILED) {
+        errno = error;
+        return MAP_FAILED;
+    }
+    Landing mapped;
+    if (simple(fd, seam::kMap, reinterpret_cast<uintptr_t>(map), mapped) < 0) {
+        const int failed = errno;
+        munmap(map, size);
+        errno = failed;
+        return MAP_FAILED;
+    }
+    return map;
+}
+
+int seam_ioctl(int fd, unsigned long code, void *arg)
+{
+    bool userspace = false;
+    const int own = thread_connection(fd, &userspace);
+    if (!userspace)
+        return ioctl(fd, code, arg);
+    if (own < 0)
+        return -1;
+    const size_t size = _IOC_SIZE(code);
+    if (size > kMaxArg) {
+        errno = EINVAL;
+        return -1;
+    }
+    Pieces out;
+    out.head = {seam::kIoctl, static_cast<uint32_t>(code), 0};
+    out.add(&out.head, sizeof out.head);
+    if ((_IOC_DIR(code) & _IOC_WRITE) && arg)
+        out.add(arg, size);
+    auto *bwr = code == BINDER_WRITE_READ ? static_cast<binder_write_read *>(arg) : nullptr;
+    bool posted = false;
+    if (bwr && !add_writes(out, *bwr, &posted)) {
+        errno = E2BIG;
+        return -1;
+    }
+    if (posted && bwr->write_size > bwr->write_consumed) {
+        out.head.value = seam::kPosted;
+        msghdr msg{};
+        msg.msg_iov = out.iov;
+        msg.msg_iovlen = static_cast<size_t>(out.count);
+        if (!wait_for(own, POLLOUT, [&] { return sendmsg(own, &msg, MSG_NOSIGNAL); }))
+            return -1;
+        bwr->write_consumed = bwr->write_size;
+        return 0;
+    }
+    // The argument comes back beside it; the bytes read land in place.
+    alignas(8) unsigned char back[kMaxArg];
+    Landing in;
+    if ((_IOC_DIR(code) & _IOC_READ) && arg) {
+        in.arg = back;
+        in.arg_size = size;
+    }
+    if (bwr && bwr->read_size > bwr->read_consumed) {
+        in.read = native_ptr<unsigned char>(bwr->read_buffer) + bwr->read_consumed;
+        in.read_room = static_cast<size_t>(bwr->read_size - bwr->read_consumed);
+    }
+    const int res = exchange(own, out, in);
+    if (in.arg_back) {
+        const int saved = errno;
+        std::memcpy(arg, back, size);
+        errno = saved;
+    }
+    return res;
+}
+
+void seam_close(int fd, void *map, size_t size)
+{
+    if (map)
+        munmap(map, size);
+    if (any_session) {
+        std::lock_guard<std::mutex> hold(sessions_lock);
+        auto s = sessions.find(fd);
+        if (s != sessions.end()) {
+            for (int own : s->second.threads)
+                close(own);
+            sessions.erase(s);
+        }
+    }
+    close(fd);
+}
+
+} // namespace hmisvc::binder
+
+extern "C" int binder_ioctl(binder_connection *bs, unsigned long request, void *arg)
+{
+    return hmisvc::binder::seam_ioctl(bs->fd, request, arg);
+}
+
+extern "C" int binder_driver_reachable(void)
+{
+    using namespace hmisvc::binder;
+    const char *path = std::getenv(seam::kSocketEnv);
+    const int fd = path && *path ? connect_driver(path) : open("/dev/binder", O_RDWR | O_CLOEXEC);
+    if (fd < 0)
+        return 0;
+    close(fd);
+    return 1;
+}

@@ -1,0 +1,63 @@
+/*
+ * Internal (not installed): the messages between the binder layer's seam and
+ * a userspace binder driver (hmisvc-binderd) on a SOCK_SEQPACKET Unix socket.
+ * One request, one answer, each a single packet.
+ *
+ * The first socket of a process (binder_open) carries kOpen and kMap and is
+ * also the opening thread's; every other thread of the process attaches a
+ * socket of its own with kAttach, so the driver knows the calling thread as
+ * the kernel does. The process lives as long as its first socket.
+ *
+ * kIoctl carries the ioctl's argument as the caller's struct. For
+ * BINDER_WRITE_READ it is followed by the unconsumed write bytes and, for
+ * each BC_TRANSACTION / BC_REPLY among them in order, an Attachment with the
+ * data and offsets the command points to: the driver cannot read the
+ * caller's memory. The answer carries the argument back, then the bytes read.
+ */
+#ifndef HMISVC_BINDER_SEAM_WIRE_H
+#define HMISVC_BINDER_SEAM_WIRE_H
+
+#include <cstdint>
+
+namespace hmisvc::binder::seam {
+
+/* The environment variable naming a userspace driver's socket. */
+constexpr const char *kSocketEnv = "HMISVC_BINDER_SOCKET";
+
+/* Largest packet either side sends: bounds one transaction's data. */
+constexpr uint32_t kMaxPacket = 256 * 1024;
+
+enum Op : uint32_t {
+    kOpen = 1,   // value: the mapping size; answered with the mapping's memfd
+    kMap = 2,    // value: where the caller mapped it
+    kAttach = 3, // value: the process's token (from kOpen's answer)
+    kIoctl = 4,  // request: the ioctl number; value: kPosted or 0
+};
+
+/* A BINDER_WRITE_READ that only writes commands which cannot fail the ioctl
+ * (well-formed, known, a transaction or reply only last) is posted: the
+ * driver sends no answer and the caller goes on at once, as the kernel
+ * would have taken every byte and returned 0. Saves a round trip for each
+ * BC_FREE_BUFFER and each reply a server writes. */
+constexpr uint64_t kPosted = 1;
+
+struct Request {
+    uint32_t op;
+    uint32_t request;
+    uint64_t value;
+};
+
+struct Answer {
+    int32_t error;  // 0 or an errno value
+    int32_t result; // the ioctl's result when error is 0
+    uint64_t value; // kOpen: the process's token
+};
+
+struct Attachment {
+    uint64_t data_size;
+    uint64_t offsets_size;
+};
+
+} // namespace hmisvc::binder::seam
+
+#endif

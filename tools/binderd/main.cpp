@@ -1,0 +1,119 @@
+// hmisvc-binderd: a binder driver in userspace, serving the driver's
+// protocol over a Unix socket to processes whose binder layer is pointed at
+// it (HMISVC_BINDER_SOCKET), where the host has no /dev/binder.
+#include "engine.h"
+#include "seam_wire.h"
+#include "session.h"
+
+#include <CLI/CLI.hpp>
+
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+// A directory of our own for the socket, removed again at exit.
+std::string private_dir()
+{
+    const char *base = std::getenv("XDG_RUNTIME_DIR");
+    std::string templ = std::string(base && *base ? base : "/tmp") + "/hmisvc-binderd.XXXXXX";
+    if (!mkdtemp(templ.data()))
+        return {};
+    return templ;
+}
+
+int run(const std::vector<std::string> &command, const std::string &socket)
+{
+    setenv(hmisvc::binder::seam::kSocketEnv, socket.c_str(), 1);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        std::vector<char *> argv;
+        for (const auto &arg : command)
+            argv.push_back(const_cast<char *>(arg.c_str()));
+        argv.push_back(nullptr);
+        execvp(argv[0], argv.data());
+        std::fprintf(stderr, "hmisvc-binderd: cannot run %s (%s)\n", argv[0], std::strerror(errno));
+        _exit(127);
+    }
+    return pid;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    CLI::App app{"A binder driver in userspace: serves the binder protocol on a Unix socket to "
+                 "processes whose HMISVC_BINDER_SOCKET names it. With a command, runs it "
+                 "against a private driver and exits with its status."};
+    std::string socket;
+    int bits = HMISVC_BINDERD_DEFAULT_BITS;
+    std::vector<std::string> command;
+    app.add_option("--socket", socket,
+                   "Socket to listen on; its directory must be one only this user can enter "
+                   "(default with a command: a private directory of its own)");
+    app.add_option("--protocol", bits, "Protocol width: 64, or 32 (the device's)")
+        ->check(CLI::IsMember({32, 64}));
+    app.add_option("command", command, "Command to run against this driver (after --)");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        // --help is no error; any other bad usage is status 2.
+        return app.exit(e) == 0 ? 0 : 2;
+    }
+    if (socket.empty() && command.empty()) {
+        std::fprintf(stderr, "hmisvc-binderd: give --socket, a command, or both\n");
+        return 2;
+    }
+
+    std::string dir;
+    if (socket.empty()) {
+        dir = private_dir();
+        if (dir.empty()) {
+            std::fprintf(stderr, "hmisvc-binderd: cannot make a private directory (%s)\n",
+                         std::strerror(errno));
+            return 1;
+        }
+        socket = dir + "/binder";
+    }
+    std::string error;
+    const int listener = binderd::listen_on(socket, error);
+    if (listener < 0) {
+        std::fprintf(stderr, "hmisvc-binderd: %s\n", error.c_str());
+        if (!dir.empty())
+            rmdir(dir.c_str());
+        return 1;
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    auto driver = binderd::make_engine(bits);
+
+    int status = 0;
+    if (command.empty()) {
+        std::printf("%s\n", socket.c_str());
+        std::fflush(stdout);
+        binderd::serve(*driver, listener, -1);
+    } else {
+        const pid_t pid = run(command, socket);
+        const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+        if (pid < 0 || pidfd < 0) {
+            std::fprintf(stderr, "hmisvc-binderd: cannot start the command (%s)\n",
+                         std::strerror(errno));
+            status = 1;
+        } else {
+            binderd::serve(*driver, listener, pidfd);
+            int ws = 0;
+            waitpid(pid, &ws, 0);
+            status = WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
+        }
+    }
+    unlink(socket.c_str());
+    if (!dir.empty())
+        rmdir(dir.c_str());
+    return status;
+}
