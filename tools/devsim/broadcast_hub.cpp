@@ -6,6 +6,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -14,7 +15,7 @@ namespace hmisvc::devsim {
 namespace {
 
 constexpr uint32_t kDeliver = 1;
-// A delivery thread with nothing to do for this long ends.
+// An endpoint's delivery thread with nothing to deliver for this long ends.
 constexpr auto kIdleWorker = std::chrono::seconds(10);
 // Look-ups of a name not published yet slow down to this.
 constexpr std::chrono::milliseconds kSlowestRetry{1000};
@@ -24,11 +25,18 @@ constexpr std::chrono::milliseconds kSlowestRetry{1000};
 constexpr auto kStuck = std::chrono::seconds(1);
 
 using Steady = std::chrono::steady_clock;
-using Payload = std::shared_ptr<const std::string>;
 
 }  // namespace
 
 struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
+    // One sent intent, held once however many queues hold it.
+    struct Queued {
+        std::string bytes;
+        uint64_t seq = 0;        // in the order sent
+        std::size_t queues = 0;  // that hold it (guarded by Shared::mutex)
+    };
+    using Payload = std::shared_ptr<Queued>;
+
     // All fields guarded by Shared::mutex.
     struct Endpoint {
         Shared *hub = nullptr;
@@ -39,10 +47,11 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
         std::chrono::milliseconds wait{0};  // before the next try
         std::deque<Payload> queue;
         Steady::time_point progress;  // its last delivery, or when its queue began
-        bool scheduled = false;  // in Shared::ready
-        bool busy = false;       // a delivery thread is calling it
+        std::condition_variable wake;  // its delivery thread
+        bool delivering = false;       // it has a delivery thread
+        bool busy = false;             // that thread is calling it
         bool dropped = false;
-        bool overflowing = false;
+        uint64_t lost = 0;  // intents dropped from its queue, not said yet
         binder_death_record death{};
     };
     using EndpointPtr = std::shared_ptr<Endpoint>;
@@ -52,18 +61,19 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
     std::atomic<binder_connection *> bs{nullptr};
 
     mutable std::mutex mutex;
-    std::condition_variable work;     // delivery threads
     std::condition_variable lookups;  // the look-up thread
     std::condition_variable room;     // senders waiting for a queue to take more
     bool stopping = false;
     bool looking_up = false;  // the look-up thread runs
-    std::size_t workers = 0, idle = 0;
     bool refusing = false;
+    bool refusing_large = false;
     std::map<std::string, EndpointPtr> endpoints;
-    std::deque<EndpointPtr> ready;  // endpoints with intents and no thread on them
     // A death record must outlive its handle's notification; endpoints
     // linked to one stay here until it has come.
     std::map<Endpoint *, EndpointPtr> linked;
+    uint64_t sent = 0;
+    std::size_t queued_bytes = 0;
+    uint64_t dropped_intents = 0;
 
     static void on_death(binder_connection *, void *user)
     {
@@ -79,7 +89,62 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
             hub.drop(keep, "its process died");
     }
 
-    // With the lock held.
+    // With the lock held, for the rest of this block: queue bookkeeping,
+    // counting each distinct intent's bytes once.
+    void push(Endpoint &ep, const Payload &p)
+    {
+        ep.queue.push_back(p);
+        if (p->queues++ == 0)
+            queued_bytes += p->bytes.size();
+    }
+
+    Payload pop(Endpoint &ep)
+    {
+        Payload p = std::move(ep.queue.front());
+        ep.queue.pop_front();
+        if (--p->queues == 0)
+            queued_bytes -= p->bytes.size();
+        return p;
+    }
+
+    void lose(Endpoint &ep)
+    {
+        pop(ep);
+        ++dropped_intents;
+        if (ep.lost++ == 0)
+            std::fprintf(stderr,
+                         "hmisvc-devsim: broadcast endpoint \"%s\" takes no intents: the oldest queued are "
+                         "dropped (%zu or %zu MiB kept)\n",
+                         ep.name.c_str(), kMaxKept, kMaxKeptBytes >> 20);
+    }
+
+    // Once an endpoint that lost intents has taken the rest, or is dropped.
+    void say_lost(Endpoint &ep)
+    {
+        if (ep.lost)
+            std::fprintf(stderr, "hmisvc-devsim: broadcast endpoint \"%s\": %llu intent(s) dropped\n",
+                         ep.name.c_str(), static_cast<unsigned long long>(ep.lost));
+        ep.lost = 0;
+    }
+
+    // Drops the oldest queued intent from every queue it heads, making
+    // room for a new one; false when nothing is queued.
+    bool lose_oldest()
+    {
+        Payload oldest;
+        for (auto &entry : endpoints) {
+            const auto &q = entry.second->queue;
+            if (!q.empty() && (!oldest || q.front()->seq < oldest->seq))
+                oldest = q.front();
+        }
+        if (!oldest)
+            return false;
+        for (auto &entry : endpoints)
+            if (!entry.second->queue.empty() && entry.second->queue.front() == oldest)
+                lose(*entry.second);
+        return true;
+    }
+
     void release(Endpoint &ep)
     {
         if (ep.handle && !ep.busy) {
@@ -88,13 +153,15 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
         }
     }
 
-    // With the lock held.
     void drop(const EndpointPtr &ep, const char *why)
     {
         if (ep->dropped)
             return;
         ep->dropped = true;
-        ep->queue.clear();
+        while (!ep->queue.empty())
+            pop(*ep);
+        say_lost(*ep);
+        ep->wake.notify_one();
         room.notify_all();
         auto found = endpoints.find(ep->name);
         if (found != endpoints.end() && found->second == ep)
@@ -103,21 +170,21 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
         std::fprintf(stderr, "hmisvc-devsim: broadcast endpoint \"%s\" dropped (%s)\n", ep->name.c_str(), why);
     }
 
-    // With the lock held: hands an endpoint with intents to a delivery
-    // thread, starting one if none is free and the limit allows.
+    // Wakes the endpoint's delivery thread, or starts one.
     void schedule(const EndpointPtr &ep)
     {
-        if (ep->scheduled || ep->busy || ep->dropped || !ep->handle || ep->queue.empty())
+        if (ep->dropped || !ep->handle || ep->queue.empty())
             return;
-        ready.push_back(ep);
-        ep->scheduled = true;
-        // Each idle thread takes one waiting endpoint; a woken thread counts
-        // as idle until it runs, so the count of waiting ones decides.
-        if (idle >= ready.size()) {
-            work.notify_one();
-        } else if (workers < kDeliveryThreads) {
-            ++workers;
-            std::thread(run_worker, shared_from_this()).detach();
+        if (ep->delivering) {
+            ep->wake.notify_one();
+            return;
+        }
+        try {
+            std::thread(run_endpoint, shared_from_this(), ep).detach();
+            ep->delivering = true;
+        } catch (const std::system_error &e) {  // tried again at the next intent
+            std::fprintf(stderr, "hmisvc-devsim: broadcast endpoint \"%s\": no delivery thread (%s)\n",
+                         ep->name.c_str(), e.what());
         }
     }
 
@@ -135,29 +202,27 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
         return true;
     }
 
-    static void run_worker(std::shared_ptr<Shared> self)
+    // One endpoint's deliveries, in order, one at a time; ends when the
+    // endpoint is dropped or has had nothing for kIdleWorker.
+    static void run_endpoint(std::shared_ptr<Shared> self, EndpointPtr ep)
     {
         Shared &hub = *self;
         std::unique_lock<std::mutex> lock(hub.mutex);
         for (;;) {
-            ++hub.idle;
-            bool got = hub.work.wait_for(lock, kIdleWorker, [&] { return hub.stopping || !hub.ready.empty(); });
-            --hub.idle;
-            if (hub.stopping || !got) {
-                --hub.workers;
+            ep->wake.wait_for(lock, kIdleWorker,
+                              [&] { return hub.stopping || ep->dropped || !ep->queue.empty(); });
+            if (hub.stopping || ep->dropped || ep->queue.empty()) {
+                ep->delivering = false;
                 return;
             }
-            EndpointPtr ep = hub.ready.front();
-            hub.ready.pop_front();
-            ep->scheduled = false;
-            if (ep->dropped || ep->queue.empty())
-                continue;
-            Payload payload = ep->queue.front();
-            ep->queue.pop_front();
+            Payload payload = hub.pop(*ep);
+            if (ep->queue.empty())
+                hub.say_lost(*ep);
             ep->busy = true;
             uint32_t handle = ep->handle;
             lock.unlock();
-            bool ok = hub.deliver(handle, *payload);
+            bool ok = hub.deliver(handle, payload->bytes);
+            payload.reset();
             lock.lock();
             ep->busy = false;
             ep->progress = Steady::now();
@@ -166,8 +231,6 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
                 hub.release(*ep);
             else if (!ok)
                 hub.drop(ep, "delivery failed");
-            else
-                hub.schedule(ep);
         }
     }
 
@@ -236,7 +299,8 @@ BroadcastHub::~BroadcastHub()
     // next wake-up (one blocked in a call ends when the call does).
     std::lock_guard<std::mutex> lock(shared_->mutex);
     shared_->stopping = true;
-    shared_->work.notify_all();
+    for (auto &entry : shared_->endpoints)
+        entry.second->wake.notify_one();
     shared_->lookups.notify_all();
     shared_->room.notify_all();
 }
@@ -277,11 +341,24 @@ bool BroadcastHub::add(const std::string &name)
     return true;
 }
 
-void BroadcastHub::send(const std::string &payload)
+bool BroadcastHub::send(const std::string &payload)
 {
     Shared &hub = *shared_;
-    auto shared_payload = std::make_shared<const std::string>(payload);
     std::unique_lock<std::mutex> lock(hub.mutex);
+    if (payload.size() > kMaxIntentBytes) {
+        ++hub.dropped_intents;
+        if (!hub.refusing_large)
+            std::fprintf(stderr,
+                         "hmisvc-devsim: broadcast of %zu bytes dropped: an intent takes at most %zu "
+                         "(further ones not shown until one is sent; %llu dropped so far)\n",
+                         payload.size(), kMaxIntentBytes, static_cast<unsigned long long>(hub.dropped_intents));
+        hub.refusing_large = true;
+        return false;
+    }
+    hub.refusing_large = false;
+    auto queued = std::make_shared<Shared::Queued>();
+    queued->bytes = payload;
+    queued->seq = ++hub.sent;
     // Waiting for room lets the list change meanwhile.
     std::vector<Shared::EndpointPtr> targets;
     for (auto &entry : hub.endpoints)
@@ -292,27 +369,35 @@ void BroadcastHub::send(const std::string &payload)
             hub.room.wait_until(lock, ep->progress + kStuck);
         if (hub.stopping || ep->dropped)
             continue;
-        if (ep->queue.size() >= kMaxKept) {
-            ep->queue.pop_front();
-            if (!ep->overflowing)
-                std::fprintf(stderr,
-                             "hmisvc-devsim: broadcast endpoint \"%s\" takes no intents: "
-                             "the oldest queued are dropped (%zu kept)\n",
-                             ep->name.c_str(), kMaxKept);
-            ep->overflowing = true;
-        } else if (ep->queue.empty()) {
-            ep->overflowing = false;
+        if (ep->queue.size() >= kMaxKept)
+            hub.lose(*ep);
+        else if (ep->queue.empty())
             ep->progress = Steady::now();
+        // Bytes are counted once, at the intent's first queue.
+        while (queued->queues == 0 && hub.queued_bytes + payload.size() > kMaxKeptBytes && hub.lose_oldest()) {
         }
-        ep->queue.push_back(shared_payload);
+        hub.push(*ep, queued);
         hub.schedule(ep);
     }
+    return true;
 }
 
 std::size_t BroadcastHub::endpoints() const
 {
     std::lock_guard<std::mutex> lock(shared_->mutex);
     return shared_->endpoints.size();
+}
+
+std::size_t BroadcastHub::queued_bytes() const
+{
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    return shared_->queued_bytes;
+}
+
+uint64_t BroadcastHub::dropped() const
+{
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    return shared_->dropped_intents;
 }
 
 std::vector<std::string> BroadcastHub::names() const

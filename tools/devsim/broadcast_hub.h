@@ -1,8 +1,8 @@
 // The broadcast service of the simulated device: it remembers endpoint names
-// and fans every sent intent out to them. A fixed number of threads does the
-// work whatever registers: one looks up names that are not published yet,
-// a few deliver, each endpoint's intents in order, so that a slow or dead
-// endpoint holds up one delivery thread at most and nobody else.
+// and fans every sent intent out to them. One thread looks up names that are
+// not published yet; each endpoint with intents to take has a delivery
+// thread of its own, one delivery in flight at a time, in order, so that an
+// endpoint that never answers holds up its own deliveries and nobody else's.
 #ifndef HMISVC_DEVSIM_BROADCAST_HUB_H
 #define HMISVC_DEVSIM_BROADCAST_HUB_H
 
@@ -21,17 +21,20 @@ public:
     // Endpoints remembered at once, looked up or not; a registration past
     // them is refused.
     static constexpr std::size_t kMaxEndpoints = 256;
-    // Threads that deliver (started as deliveries need them).
-    static constexpr std::size_t kDeliveryThreads = 8;
     // Intents queued for one endpoint that has not taken them yet; past
     // that the sender waits for room while the endpoint takes intents. Once
     // it took none for a second (stopped, not serving, or only starved of
     // CPU for a moment) senders stop waiting for it, and it keeps up to
     // kMaxKept: past them the oldest is dropped (and said so). An intent
-    // queued for many endpoints is held once, so all queues together hold
-    // at most kMaxKept distinct intents.
+    // queued for many endpoints is held once; all queues together hold at
+    // most kMaxKeptBytes of distinct intents, the oldest dropped past them.
+    // An intent larger than kMaxIntentBytes is not sent at all (the
+    // library's endpoints take at most 4 KiB). So queued and in-flight
+    // intents take at most kMaxKeptBytes + kMaxEndpoints * kMaxIntentBytes.
     static constexpr std::size_t kMaxQueued = 64;
     static constexpr std::size_t kMaxKept = 1024;
+    static constexpr std::size_t kMaxKeptBytes = 16 << 20;
+    static constexpr std::size_t kMaxIntentBytes = 64 << 10;
 
     // A name that cannot be looked up is dropped after `attempts` times
     // `retry` (endpoints register before they publish); it is tried after
@@ -49,10 +52,15 @@ public:
     // standard error) when kMaxEndpoints are remembered already.
     bool add(const std::string &name);
     // Code 1: queues the payload for every endpoint; returns at once unless
-    // a queue is full (see kMaxQueued).
-    void send(const std::string &payload);
+    // a queue is full (see kMaxQueued). False (and said on standard error)
+    // when it is larger than kMaxIntentBytes.
+    bool send(const std::string &payload);
 
     std::size_t endpoints() const;
+    // Bytes of the distinct intents queued now, and intents dropped so far
+    // (too large, or lost from a queue), each drop counted per endpoint.
+    std::size_t queued_bytes() const;
+    uint64_t dropped() const;
     std::vector<std::string> names() const;
 
 private:

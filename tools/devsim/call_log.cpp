@@ -139,26 +139,29 @@ std::size_t CallLog::size() const
 }
 
 bool CallLog::wait(const CallFilter &filter, std::size_t count, std::chrono::steady_clock::time_point deadline,
-                   std::vector<std::string> &matched)
+                   std::vector<std::string> &matched, const std::atomic<bool> *ended)
 {
+    auto over = [&] { return stopping_ || (ended && *ended); };
     std::unique_lock<std::mutex> hold(mutex_);
     uint64_t seen = last_;
     for (;;) {
         matched = find_locked(filter);
         if (matched.size() >= count)
             return true;
-        if (stopping_ || std::chrono::steady_clock::now() >= deadline)
+        if (over() || std::chrono::steady_clock::now() >= deadline)
             return false;
-        added_.wait_until(hold, deadline, [&] { return stopping_ || last_ != seen; });
+        added_.wait_until(hold, deadline, [&] { return over() || last_ != seen; });
         seen = last_;
     }
 }
 
-uint64_t CallLog::wait_after(uint64_t seq, std::chrono::steady_clock::time_point deadline)
+uint64_t CallLog::wait_after(uint64_t seq, std::chrono::steady_clock::time_point deadline,
+                             const std::atomic<bool> *ended)
 {
     std::unique_lock<std::mutex> hold(mutex_);
     uint64_t pokes = pokes_;
-    added_.wait_until(hold, deadline, [&] { return stopping_ || last_ > seq || pokes_ != pokes; });
+    added_.wait_until(hold, deadline,
+                      [&] { return stopping_ || (ended && *ended) || last_ > seq || pokes_ != pokes; });
     return last_;
 }
 

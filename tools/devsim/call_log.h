@@ -11,6 +11,7 @@
 
 #include "json_values.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -63,12 +64,13 @@ public:
     // Waits until `count` calls match or the deadline passes; true when
     // they did. `matched` gets the matching calls (all of them, however
     // many came), woken by add(), never polled. stop() ends every wait at
-    // once (false).
+    // once (false), and so does `ended` once set and poke()d.
     bool wait(const CallFilter &filter, std::size_t count, std::chrono::steady_clock::time_point deadline,
-              std::vector<std::string> &matched);
+              std::vector<std::string> &matched, const std::atomic<bool> *ended = nullptr);
     // Waits for any call after `seq` or until the deadline; the sequence
     // number of the last call then.
-    uint64_t wait_after(uint64_t seq, std::chrono::steady_clock::time_point deadline);
+    uint64_t wait_after(uint64_t seq, std::chrono::steady_clock::time_point deadline,
+                        const std::atomic<bool> *ended = nullptr);
     // Wakes the waits without a call (to look again at something else).
     void poke();
     void stop();

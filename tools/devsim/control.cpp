@@ -285,7 +285,9 @@ Result Control::broadcast(const std::string &action, const std::map<std::string,
     for (const auto &[key, value] : strings)
         intent.putExtra(key, value);
     std::string bytes = intent.toString();
-    device_.broadcasts.send(bytes);
+    if (!device_.broadcasts.send(bytes))
+        return refused("the intent is " + std::to_string(bytes.size()) + " bytes; one takes at most " +
+                       std::to_string(BroadcastHub::kMaxIntentBytes));
     simulator_.note({{"simulator", "broadcast"}, {"args", Json::array({intent_json(bytes)})}});
     return {Result::kDone, std::to_string(device_.broadcasts.endpoints()) + " endpoint(s)"};
 }
@@ -396,20 +398,18 @@ Result Control::clear_calls()
     return {};
 }
 
-bool Control::hold_thread()
+Holds::Ticket Control::hold_thread()
 {
-    if (++held_ > kMaxHeld) {
-        --held_;
-        return false;
-    }
-    simulator_.holding(true);
-    return true;
+    Holds::Ticket hold = holds_.take();
+    if (hold)
+        simulator_.holding(true);
+    return hold;
 }
 
-void Control::release_thread()
+void Control::release_thread(const Holds::Ticket &hold)
 {
     simulator_.holding(false);
-    --held_;
+    holds_.release(hold);
 }
 
 Result Control::wait_call(const Json &request, std::size_t max_bytes)
@@ -431,13 +431,14 @@ Result Control::wait_call(const Json &request, std::size_t max_bytes)
             return refused("timeout: expected seconds (0 to 86400), got " + shown(*t));
         timeout = t->get<double>();
     }
-    if (!hold_thread())
+    Holds::Ticket hold = hold_thread();
+    if (!hold)
         return {Result::kFailed, "too many waits and scenarios held at once (" + std::to_string(kMaxHeld) + ")"};
     std::vector<std::string> matched;
     auto deadline = std::chrono::steady_clock::now() +
                     std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(timeout));
-    bool met = simulator_.calls().wait(f, count, deadline, matched);
-    release_thread();
+    bool met = simulator_.calls().wait(f, count, deadline, matched, &hold->ended);
+    release_thread(hold);
     std::size_t left_out = 0;
     if (met)
         return {Result::kDone, array_of(matched, max_bytes, left_out)};
@@ -518,6 +519,7 @@ void Control::remember_start(const std::set<std::string> &published)
 
 Result Control::reset()
 {
+    holds_.end_all("the device was reset");
     std::lock_guard<std::mutex> hold(simulator_.lock());
     try {
         StateJson::load(device_, start_);
@@ -665,6 +667,8 @@ std::vector<Step> scenario_steps(const std::string &document, const Scenario::Ch
                                  std::string &why)
 {
     Json doc;
+    if (why = Scenario::too_large(document.size()); !why.empty())
+        return {};
     if (why = tools::parse_json(document, doc); !why.empty()) {
         why = "the scenario is " + why;
         return {};
@@ -690,7 +694,8 @@ Result Control::play(const std::string &document)
     std::vector<Step> steps = scenario_steps(document, scenario_checks(), end, why);
     if (steps.empty())
         return refused(why);
-    if (!hold_thread())
+    Holds::Ticket hold = hold_thread();
+    if (!hold)
         return {Result::kFailed, "too many waits and scenarios held at once (" + std::to_string(kMaxHeld) + ")"};
     simulator_.note({{"scenario", "start"}, {"steps", steps.size()}, {"end", end}});
     std::string report = Scenario::run(
@@ -701,9 +706,12 @@ Result Control::play(const std::string &document)
             if (!error.empty())
                 line["error"] = error;
             simulator_.note(std::move(line));
-        });
+        },
+        &hold->ended);
+    if (hold->ended)
+        report = "ended early: " + hold->why + "\n" + report;
     simulator_.note({{"scenario", "end"}, {"met", report.empty()}});
-    release_thread();
+    release_thread(hold);
     if (report.empty())
         return {Result::kDone, std::to_string(steps.size()) + " step(s), all as expected"};
     return {Result::kFailed, report};

@@ -10,6 +10,7 @@
 #ifndef HMISVC_DEVSIM_CONTROL_H
 #define HMISVC_DEVSIM_CONTROL_H
 
+#include "holds.h"
 #include "publisher.h"
 #include "services.h"
 
@@ -97,8 +98,10 @@ public:
     // with these services published; call before serving.
     void remember_start(const std::set<std::string> &published);
 
-    // Waits and scenarios held at once; more are refused.
-    static constexpr int kMaxHeld = 16;
+    // Waits and scenarios held at once; more are refused. Each ends when
+    // its client goes away, and reset() ends all of them.
+    static constexpr int kMaxHeld = Holds::kMax;
+    Holds &holds() { return holds_; }
 
     // The control service's method table, in code order: dump, set, fail,
     // heal, publish, unpublish, load_state, calls, mark, wait_call,
@@ -126,18 +129,18 @@ private:
     Result parse_answers(const Method &m, const std::vector<std::string> &texts, std::vector<Answer> &out) const;
     Scenario::Checks scenario_checks();
     std::string act(const Step &step);
-    // Holds a thread for a wait or a scenario: false when too many are.
-    bool hold_thread();
-    void release_thread();
+    // Holds a thread for a wait or a scenario: null when too many are.
+    Holds::Ticket hold_thread();
+    void release_thread(const Holds::Ticket &hold);
 
     Device &device_;
     Simulator &simulator_;
     Json start_;
     std::set<std::string> start_published_;
     std::map<std::string, Fault> start_faults_;
-    std::atomic<int> held_{0};
     tools::Publisher &publisher_;
     Service service_;
+    Holds holds_{simulator_.calls()};
 };
 
 }  // namespace hmisvc::devsim

@@ -1,5 +1,6 @@
 #include "panel_server.h"
 
+#include "holds.h"
 #include "json_text.h"
 
 #include <microhttpd.h>
@@ -11,6 +12,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <fstream>
@@ -40,11 +42,16 @@ constexpr std::size_t kKeptCalls = 100;
 // and in bytes: a call's arguments may be large.
 constexpr std::size_t kKeptEvents = 512;
 constexpr std::size_t kKeptBytes = 4 << 20;
+// A call larger than this is kept without its arguments and answer (the
+// call log has them): one call never takes the history's room.
+constexpr std::size_t kMaxEvent = 256 * 1024;
 // A connected page is sent a comment this often, which also tells the
 // server when it has gone.
 constexpr auto kKeepAlive = std::chrono::seconds(15);
 // One thread serves every connection, so a page's event stream or a slow
-// client costs a connection slot and its memory, never a thread. A request
+// client costs a connection slot and its memory, never a thread; a wait or
+// a scenario runs on a thread of its own (as many as the control code
+// holds at once) while its connection is set aside. A request
 // (headers, body and answer) has kRequestDeadline to complete; an idle
 // connection is closed after kIdleSeconds.
 constexpr unsigned kIdleSeconds = 10;
@@ -197,10 +204,18 @@ struct PanelServer::Impl {
         Steady::time_point since;  // connected, or the last request completed
         bool streaming = false;
     };
+    // An answer made off the server's thread, sent once its connection is
+    // taken up again.
+    struct Answer {
+        unsigned status = MHD_HTTP_OK;
+        std::string body;
+    };
     // One steering request's body as it arrives.
     struct Upload {
         std::string body;
         bool too_large = false;
+        bool held = false;  // a wait or a scenario runs for it
+        Answer answer;      // once it has ended
     };
 
     std::mutex mutex;
@@ -214,6 +229,9 @@ struct PanelServer::Impl {
     bool stopping = false;
     std::set<Stream *> streams;
     std::set<Connection *> connections;
+    int holding = 0;  // waits and scenarios running
+    std::condition_variable held_ended;
+    uint64_t events_dropped = 0;
     std::thread pusher;
     std::map<std::string, std::function<ControlResult(const Json &)>> steering;
 
@@ -247,6 +265,12 @@ struct PanelServer::Impl {
             Json c = *call;
             c["caller"] = tools::to_json_text(program_of(c.value("pid", 0)));
             shown = text(tools::dump_json(c));
+            if (shown->size() > kMaxEvent) {
+                c.erase("args");
+                c.erase("reply");
+                c["cut"] = shown->size();
+                shown = text(tools::dump_json(c));
+            }
         }
         std::lock_guard<std::mutex> hold(mutex);
         state_dirty = state_dirty || dirty;
@@ -254,9 +278,17 @@ struct PanelServer::Impl {
             recent.push_back(shown);
             recent_bytes += shown->size();
             ++next_call;
-            while (recent.size() > kKeptEvents || (recent_bytes > kKeptBytes && recent.size() > 1)) {
+            while (recent.size() > kKeptEvents || recent_bytes > kKeptBytes) {
                 recent_bytes -= recent.front()->size();
                 recent.pop_front();
+                // Pages that fell behind are told how many they missed
+                // ("lost"); the count is in the state event.
+                if (events_dropped++ == 0)
+                    std::fprintf(stderr,
+                                 "hmisvc-devsim: panel: the oldest calls leave its history (it keeps %zu "
+                                 "or %zu MiB); the state event counts them\n",
+                                 kKeptEvents, kKeptBytes >> 20);
+                state_dirty = true;
             }
             wake_streams();
         }
@@ -293,6 +325,8 @@ struct PanelServer::Impl {
             services.push_back(entry);
         }
         doc["services"] = services;
+        std::lock_guard<std::mutex> hold(mutex);
+        doc["events_dropped"] = events_dropped;
         return tools::dump_json(doc);
     }
 
@@ -431,8 +465,8 @@ struct PanelServer::Impl {
 
     static MHD_Result error(MHD_Connection *c, unsigned status, const std::string &why)
     {
-        // What the client sent may be quoted in `why`: any bytes.
-        return reply(c, status, tools::dump_json(Json{{"error", tools::printable(why)}}));
+        Answer a = failure(status, why);
+        return reply(c, a.status, a.body);
     }
 
     MHD_Result open_stream(MHD_Connection *c)
@@ -494,41 +528,77 @@ struct PanelServer::Impl {
         return error(c, MHD_HTTP_NOT_FOUND, "no such page: " + url);
     }
 
+    static Answer failure(unsigned status, const std::string &why)
+    {
+        // What the client sent may be quoted in `why`: any bytes.
+        return {status, tools::dump_json(Json{{"error", tools::printable(why)}})};
+    }
+
     // A steering request: answered from the control code's result.
-    MHD_Result steer(MHD_Connection *c, const std::string &url, const std::string &text)
+    Answer steer(const std::string &url, const std::string &text)
     {
         Json body;
         if (std::string why = tools::parse_json(text, body); !why.empty())
-            return error(c, MHD_HTTP_BAD_REQUEST, "the request body is " + why);
+            return failure(MHD_HTTP_BAD_REQUEST, "the request body is " + why);
         if (!body.is_object())
-            return error(c, MHD_HTTP_BAD_REQUEST, "the request body must be a JSON object");
+            return failure(MHD_HTTP_BAD_REQUEST, "the request body must be a JSON object");
         ControlResult r;
-        bool waits = url == "/api/wait-call" || url == "/api/play";
-        if (waits) {
-            // Held as long as the wait or the scenario lasts, not cut at the
-            // request deadline.
-            std::lock_guard<std::mutex> hold(mutex);
-            auto *info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-            if (info && info->socket_context)
-                static_cast<Connection *>(info->socket_context)->streaming = true;
-        }
         try {
             r = steering.at(url)(body);
         } catch (const std::exception &e) {  // a missing field, a wrong type, a bad text
-            return error(c, MHD_HTTP_BAD_REQUEST, std::string("bad request: ") + e.what());
+            return failure(MHD_HTTP_BAD_REQUEST, std::string("bad request: ") + e.what());
         }
         observed(nullptr);
         if (url == "/api/wait-call" && r.code != ControlResult::kRefused) {
             Json calls;
             if (tools::parse_json(r.text, calls).empty() && calls.is_array()) {
                 Json answer = {{"met", r.code == ControlResult::kDone}, {"calls", std::move(calls)}};
-                return reply(c, r.code == ControlResult::kDone ? MHD_HTTP_OK : MHD_HTTP_CONFLICT,
-                             tools::dump_json(answer));
+                unsigned status = r.code == ControlResult::kDone ? MHD_HTTP_OK : MHD_HTTP_CONFLICT;
+                return {status, tools::dump_json(answer)};
             }
         }
         if (r.code == ControlResult::kDone)
-            return reply(c, MHD_HTTP_OK, tools::dump_json(Json{{"ok", true}, {"text", tools::to_json_text(r.text)}}));
-        return error(c, r.code == ControlResult::kRefused ? MHD_HTTP_BAD_REQUEST : MHD_HTTP_CONFLICT, r.text);
+            return {MHD_HTTP_OK, tools::dump_json(Json{{"ok", true}, {"text", tools::to_json_text(r.text)}})};
+        return failure(r.code == ControlResult::kRefused ? MHD_HTTP_BAD_REQUEST : MHD_HTTP_CONFLICT, r.text);
+    }
+
+    // A wait or a scenario: run on a thread of its own while the server
+    // sets the connection aside, answered when it ends. It ends early when
+    // the client closes the connection (see Holds).
+    MHD_Result hold(MHD_Connection *c, const std::string &url, Upload &upload)
+    {
+        int fd = -1;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            if (holding >= Control::kMaxHeld || stopping)
+                return error(c, MHD_HTTP_CONFLICT,
+                             "too many waits and scenarios held at once (" + std::to_string(Control::kMaxHeld) + ")");
+            ++holding;
+            // Held as long as the wait or the scenario lasts, not cut at the
+            // request deadline.
+            auto *info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+            if (info && info->socket_context) {
+                auto *conn = static_cast<Connection *>(info->socket_context);
+                conn->streaming = true;
+                fd = conn->fd;
+            }
+        }
+        upload.held = true;
+        MHD_suspend_connection(c);
+        std::thread([this, c, url, &upload, fd] {
+            Holds::client() = {0, fd};
+            Answer answer = steer(url, upload.body);
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                upload.answer = std::move(answer);
+            }
+            // Not under the lock: the server's thread takes it in its callbacks.
+            MHD_resume_connection(c);
+            std::lock_guard<std::mutex> lock(mutex);
+            --holding;
+            held_ended.notify_all();
+        }).detach();
+        return MHD_YES;
     }
 
     // Everything about a request that its headers decide, before any of
@@ -585,7 +655,16 @@ struct PanelServer::Impl {
             *size = 0;
             return MHD_YES;
         }
-        return upload.too_large ? too_large(c) : i.steer(c, url, upload.body);
+        if (upload.held) {  // taken up again: the wait or the scenario has ended
+            std::lock_guard<std::mutex> lock(i.mutex);
+            return reply(c, upload.answer.status, upload.answer.body);
+        }
+        if (upload.too_large)
+            return too_large(c);
+        if (std::strcmp(url, "/api/wait-call") == 0 || std::strcmp(url, "/api/play") == 0)
+            return i.hold(c, url, upload);
+        Answer a = i.steer(url, upload.body);
+        return reply(c, a.status, a.body);
     }
 
     static void on_completed(void *cls, MHD_Connection *c, void **request, MHD_RequestTerminationCode)
@@ -708,6 +787,17 @@ PanelServer::~PanelServer()
     }
     if (impl_->pusher.joinable())
         impl_->pusher.join();
+    // The connections set aside must be taken up again before the server
+    // stops: their waits and scenarios are ended.
+    {
+        std::unique_lock<std::mutex> hold(impl_->mutex);
+        while (impl_->holding > 0) {
+            hold.unlock();
+            impl_->control.holds().end_all("the panel stops");
+            hold.lock();
+            impl_->held_ended.wait_for(hold, std::chrono::milliseconds(100));
+        }
+    }
     if (impl_->daemon)
         MHD_stop_daemon(impl_->daemon);
 }

@@ -15,13 +15,18 @@ struct Refusal {
     std::string why;
 };
 
-bool is_seconds(const Json &j) { return j.is_number() && std::isfinite(j.get<double>()) && j.get<double>() >= 0; }
+bool is_seconds(const Json &j)
+{
+    return j.is_number() && std::isfinite(j.get<double>()) && j.get<double>() >= 0 &&
+           j.get<double>() <= Scenario::kMaxSeconds;
+}
 
 double seconds(const Json &step, const char *field)
 {
     const Json &j = step.at(field);
     if (!is_seconds(j))
-        throw Refusal{std::string(field) + ": expected seconds (a number, 0 or more), got " + shown(j)};
+        throw Refusal{std::string(field) + ": expected seconds (a number, 0 to " +
+                      std::to_string(static_cast<long>(Scenario::kMaxSeconds)) + "), got " + shown(j)};
     return j.get<double>();
 }
 
@@ -150,6 +155,9 @@ std::vector<Step> Scenario::parse(const Json &doc, const Checks &checks, double 
         }
         if (!list->is_array())
             throw Refusal{"steps: expected an array of steps, got " + shown(*list)};
+        if (list->size() > kMaxSteps)
+            throw Refusal{"steps: " + std::to_string(list->size()) + " steps; a scenario has at most " +
+                          std::to_string(kMaxSteps)};
     } catch (const Refusal &r) {
         why = "scenario: " + r.why;
         return {};
@@ -180,13 +188,22 @@ std::vector<Step> Scenario::parse(const Json &doc, const Checks &checks, double 
     // Without an end, a scenario lasts until its last timed step, and ten
     // seconds more when a step waits for a call.
     if (!end_given)
-        end = latest + (waits ? 10 : 0);
+        end = std::min(latest + (waits ? 10 : 0), kMaxSeconds);
     return steps;
+}
+
+std::string Scenario::too_large(std::size_t bytes)
+{
+    if (bytes <= kMaxBytes)
+        return {};
+    return "the scenario is " + std::to_string(bytes) + " bytes; a scenario document has at most " +
+           std::to_string(kMaxBytes) + " (" + std::to_string(kMaxBytes >> 20) + " MiB)";
 }
 
 std::string Scenario::run(const std::vector<Step> &steps, double end, CallLog &log,
                           const std::function<std::string(const Step &)> &act,
-                          const std::function<void(const Step &, double, const std::string &)> &note)
+                          const std::function<void(const Step &, double, const std::string &)> &note,
+                          const std::atomic<bool> *ended)
 {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
@@ -232,9 +249,10 @@ std::string Scenario::run(const std::vector<Step> &steps, double end, CallLog &l
                     next = std::min(next, p.due);
             }
         }
-        if (all_done || now >= end)
+        if (all_done || now >= end || (ended && *ended))
             break;
-        log.wait_after(seen, start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(next)));
+        log.wait_after(seen, start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(next)),
+                       ended);
     }
 
     std::string report;

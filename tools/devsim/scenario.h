@@ -14,6 +14,7 @@
 #include "call_log.h"
 #include "json_values.h"
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
@@ -38,16 +39,28 @@ struct Scenario {
         std::function<std::string(const std::string &action, const Json &arg)> action;
         std::function<std::string(const CallFilter &call)> call;
     };
+    // Bounds of a document: its bytes, its steps, and any time in it
+    // (seconds from the start, or after a call): a day, so that every
+    // deadline is a time the clock can hold.
+    static constexpr std::size_t kMaxBytes = 1 << 20;
+    static constexpr std::size_t kMaxSteps = 1000;
+    static constexpr double kMaxSeconds = 86400;
+    // Why a document of this many bytes is refused, "" when it is not.
+    static std::string too_large(std::size_t bytes);
+
     // The steps of a document, or an empty list and `why` ("step 2: ...").
     static std::vector<Step> parse(const Json &doc, const Checks &checks, double &end, std::string &why);
 
     // Runs the steps (act() does one), from now; answers "" when every
     // expectation was met and every step ran, else the report of what was
     // not, with the calls that did come. `note` is told each step as it
-    // runs (its lateness in ms included).
+    // runs (its lateness in ms included). Once `ended` is set (its client
+    // went away, the device was reset) it stops at once; the report then
+    // names the steps that did not run.
     static std::string run(const std::vector<Step> &steps, double end, CallLog &log,
                            const std::function<std::string(const Step &)> &act,
-                           const std::function<void(const Step &, double late_ms, const std::string &error)> &note);
+                           const std::function<void(const Step &, double late_ms, const std::string &error)> &note,
+                           const std::atomic<bool> *ended = nullptr);
 
     static const std::vector<std::string> &actions();
 };

@@ -1,5 +1,6 @@
 #include "services.h"
 
+#include "holds.h"
 #include "looper.h"
 #include "state.h"
 
@@ -456,6 +457,7 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
     if (service && txn.code < service->methods.size() && service->methods[txn.code].run)
         method = &service->methods[txn.code];
     if (service && service == extra_) {
+        Holds::client() = {static_cast<int>(txn.sender_pid), -1};  // a wait ends when its caller does
         Request in(msg);
         int status = method ? method->run(in, reply, nullptr) : int{kUnknownMethod};
         if (status == kOk && (reply.flags & BIO_FLAG_OVERFLOW))

@@ -367,6 +367,47 @@ TEST_F(Broadcasts, AStoppedEndpointHoldsUpNobodyElse)
     EXPECT_EQ(got[0][2], std::to_string(kSent));
 }
 
+// Takes a delivery and never answers.
+int never_answer(binder_connection *, binder_transaction_data *, binder_io *, binder_io *)
+{
+    for (;;)
+        pause();
+}
+
+// Eight endpoints of one process that take a delivery and never answer
+// (more than the simulator once had delivery threads): the live endpoint
+// gets every intent all the same.
+TEST_F(Broadcasts, EndpointsThatNeverAnswerHoldUpOnlyTheirOwnDeliveries)
+{
+    constexpr int kHung = 8, kSent = 5;
+    peer::Child hung([](int ready_fd) {
+        peer::Connection bs(binder_open(4096));
+        BroadcastManager manager;
+        static char objects[kHung];
+        for (int i = 0; i < kHung; ++i) {
+            std::string name = "BroadCast#hung" + std::to_string(i);
+            manager.RegisterBroadcastService(name);
+            if (svcmgr_publish(bs.get(), SVCMGR_HANDLE, name.c_str(), &objects[i]) != 0)
+                return 1;
+        }
+        if (write(ready_fd, "r", 1) != 1)
+            return 1;
+        binder_loop(bs.get(), never_answer);
+        return 1;
+    });
+    ASSERT_TRUE(hung.ready());
+    Receivers live(Specs{{"live", {"test.hung"}}});
+    ASSERT_TRUE(live.ready());
+    std::vector<std::vector<std::string>> got;
+    for (int i = 0; i < kSent; ++i) {
+        Intent intent = make_intent("test.hung", i, "x");
+        Context::SendBroadcast(intent);
+        for (auto &line : live.take(1))
+            got.push_back(line);
+    }
+    EXPECT_EQ(numbers(got), (std::vector<int>{0, 1, 2, 3, 4})) << got.size() << " of " << kSent << " delivered";
+}
+
 // 10,000 intents from 4 threads to one receiver: each exactly once.
 TEST_F(Broadcasts, StormDeliversEveryIntentExactlyOnce)
 {

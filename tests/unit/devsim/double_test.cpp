@@ -193,6 +193,11 @@ TEST(Scenario, Documents)
         {R"([{"expect": {"method": "Beep"}, "at": 1, "before": 2}])", "step 1: at: an expectation"},
         {R"([{"expect": {"method": "Beep", "count": 0}, "before": 2}])", "step 1: expect.count: expected a whole"},
         {R"([{"at": 1, "heal": "backlight", "before": 2}])", "step 1: before: only an expectation"},
+        // Times past a day: a deadline that far overflows the clock.
+        {R"([{"at": 1e10, "heal": "backlight"}])", "step 1: at: expected seconds (a number, 0 to 86400)"},
+        {R"([{"after": {"method": "Beep"}, "delay": 86401, "heal": "backlight"}])", "step 1: delay: expected seconds"},
+        {R"([{"expect": {"method": "Beep"}, "before": 1e300}])", "step 1: before: expected seconds"},
+        {R"({"steps": [{"at": 0, "heal": "backlight"}], "end": 1e10})", "scenario: end: expected seconds"},
     };
     for (const Case &c : cases) {
         double end = 0;
@@ -205,6 +210,44 @@ TEST(Scenario, Documents)
             EXPECT_EQ(why.rfind(c.why, 0), 0u) << c.doc << ": " << why;
         }
     }
+}
+
+TEST(Scenario, DocumentsAreBoundedInStepsAndBytes)
+{
+    Json steps = Json::array();
+    for (std::size_t i = 0; i <= Scenario::kMaxSteps; ++i)
+        steps.push_back({{"at", 0}, {"heal", "backlight"}});
+    double end = 0;
+    std::string why;
+    EXPECT_TRUE(Scenario::parse(steps, checks(), end, why).empty());
+    EXPECT_EQ(why, "scenario: steps: 1001 steps; a scenario has at most 1000");
+    steps.erase(steps.size() - 1);
+    EXPECT_EQ(Scenario::parse(steps, checks(), end, why).size(), Scenario::kMaxSteps);
+    EXPECT_EQ(Scenario::too_large(Scenario::kMaxBytes), "");
+    EXPECT_EQ(Scenario::too_large(Scenario::kMaxBytes + 1),
+              "the scenario is 1048577 bytes; a scenario document has at most 1048576 (1 MiB)");
+}
+
+// A scenario whose client went away, or that a reset ended, stops at once
+// and says which steps did not run.
+TEST(Scenario, EndsWhenToldTo)
+{
+    CallLog log;
+    double end = 0;
+    std::string why;
+    auto steps = Scenario::parse(Json::parse(R"([{"at": 0, "heal": "backlight"}, {"at": 3600, "reset": true}])"),
+                                 checks(), end, why);
+    std::atomic<bool> ended{false};
+    std::thread client;
+    std::string report = Scenario::run(
+        steps, end, log,
+        [&](const Step &) {
+            client = std::thread([&] { ended = true, log.poke(); });
+            return std::string();
+        },
+        [](const Step &, double, const std::string &) {}, &ended);
+    client.join();
+    EXPECT_EQ(report, "step 2: reset did not run: the scenario ended\n");
 }
 
 TEST(Scenario, EndDefaultsToTheLastTimeAndLongerWhenWaiting)

@@ -158,6 +158,23 @@ TEST(BroadcastHubLimits, RefusesRegistrationsPastItsLimit)
     EXPECT_EQ(hub.endpoints(), BroadcastHub::kMaxEndpoints);
 }
 
+// An endpoint that takes nothing (here: never found) keeps the newest
+// intents up to the bytes bound; an intent past its own bound is not sent.
+TEST(BroadcastHubLimits, QueuesAreBoundedInBytes)
+{
+    BroadcastHub hub(1000, std::chrono::seconds(1));
+    ASSERT_TRUE(hub.add("BroadCast#never"));
+    const std::string largest(BroadcastHub::kMaxIntentBytes, 'x');
+    const std::size_t fit = BroadcastHub::kMaxKeptBytes / largest.size();
+    for (std::size_t i = 0; i < fit + 10; ++i)
+        ASSERT_TRUE(hub.send(largest));
+    EXPECT_EQ(hub.queued_bytes(), fit * largest.size());
+    EXPECT_EQ(hub.dropped(), 10u);
+    EXPECT_FALSE(hub.send(largest + "x"));
+    EXPECT_EQ(hub.dropped(), 11u);
+    EXPECT_EQ(hub.queued_bytes(), fit * largest.size());
+}
+
 TEST_F(Services, AnAnswerTooLargeForTheReplyIsAnError)
 {
     EXPECT_EQ(call("wifiinfo", 2, request(), 256), kReplyTooLarge);
