@@ -156,7 +156,13 @@ int exchange(int fd, const Pieces &out, Landing &in)
     msg.msg_control = control;
     msg.msg_controllen = sizeof control;
     ssize_t got = -1;
-    wait_for(fd, POLLIN, [&] { return got = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC); });
+    // Wake-ups sent for poll() before this answer are no answer.
+    do
+        wait_for(fd, POLLIN, [&] {
+            msg.msg_controllen = sizeof control;
+            return got = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC);
+        });
+    while (got == static_cast<ssize_t>(sizeof in.head) && in.head.error == seam::kWakeUp);
     if (got < static_cast<ssize_t>(sizeof in.head)) {
         if (got >= 0)
             errno = ECONNRESET;
@@ -354,7 +360,10 @@ int seam_ioctl(int fd, unsigned long code, void *arg)
         return -1;
     }
     Pieces out;
-    out.head = {seam::kIoctl, static_cast<uint32_t>(code), 0};
+    // The file's flag on the device is every thread's: here the process's.
+    const int flags = fcntl(fd, F_GETFL);
+    out.head = {seam::kIoctl, static_cast<uint32_t>(code),
+                flags >= 0 && (flags & O_NONBLOCK) ? seam::kNonBlock : 0};
     out.add(&out.head, sizeof out.head);
     if ((_IOC_DIR(code) & _IOC_WRITE) && arg)
         out.add(arg, size);
@@ -365,7 +374,7 @@ int seam_ioctl(int fd, unsigned long code, void *arg)
         return -1;
     }
     if (posted && bwr->write_size > bwr->write_consumed) {
-        out.head.value = seam::kPosted;
+        out.head.value |= seam::kPosted;
         msghdr msg{};
         msg.msg_iov = out.iov;
         msg.msg_iovlen = static_cast<size_t>(out.count);

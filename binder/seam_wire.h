@@ -41,6 +41,15 @@ enum Op : uint32_t {
  * BC_FREE_BUFFER and each reply a server writes. */
 constexpr uint64_t kPosted = 1;
 
+/* Set beside kPosted when the caller's connection is non-blocking: a read
+ * with nothing to read is answered EAGAIN at once, as the kernel does. From
+ * then on the driver makes the connection readable whenever its thread has
+ * something to read, so that poll() on it behaves as on the device: it sends
+ * a wake-up (an Answer whose error is kWakeUp), at most one between two
+ * requests, which the seam skips before the next request's answer. */
+constexpr uint64_t kNonBlock = 2;
+constexpr int32_t kWakeUp = -1;
+
 struct Request {
     uint32_t op;
     uint32_t request;
