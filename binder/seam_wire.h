@@ -24,14 +24,18 @@ namespace hmisvc::binder::seam {
 /* The environment variable naming a userspace driver's socket. */
 constexpr const char *kSocketEnv = "HMISVC_BINDER_SOCKET";
 
-/* Largest packet either side sends: bounds one transaction's data. */
+/* Largest packet either side sends. A larger request goes whole in a
+ * memory file passed with a kLarge packet; at most kMaxRequest bytes (a
+ * transaction's data is bounded by the receiver's mapping, at most 4 MB). */
 constexpr uint32_t kMaxPacket = 256 * 1024;
+constexpr uint64_t kMaxRequest = 8 * 1024 * 1024;
 
 enum Op : uint32_t {
     kOpen = 1,   // value: the mapping size; answered with the mapping's memfd
     kMap = 2,    // value: where the caller mapped it
     kAttach = 3, // value: the process's token (from kOpen's answer)
-    kIoctl = 4,  // request: the ioctl number; value: kPosted or 0
+    kIoctl = 4,  // request: the ioctl number; value: kPosted, kNonBlock or 0
+    kLarge = 5,  // value: the size of the request in the memory file it carries
 };
 
 /* A BINDER_WRITE_READ that only writes commands which cannot fail the ioctl

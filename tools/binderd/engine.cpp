@@ -104,8 +104,12 @@ void Engine<P>::answer(int fd, int error, int result, uint64_t value, const void
 template <typename P>
 void Engine<P>::packet(int fd, const ucred &cred, const unsigned char *data, size_t size)
 {
+    // A posted write may come from another thread of the process (see
+    // thread_agnostic in the seam): it answers no wake-up.
+    seam::Request req{};
+    std::memcpy(&req, data, std::min(size, sizeof req));
     auto known = threads_.find(fd);
-    if (known != threads_.end())
+    if (known != threads_.end() && !(req.op == seam::kIoctl && (req.value & seam::kPosted)))
         known->second->woken = false;
     dispatch(fd, cred, data, size);
     // Work left after the answer keeps a polling connection readable.

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
@@ -20,10 +21,20 @@ namespace {
 // Where the names are kept across a restart unless --names says: a
 // directory of our own on the tmpfs every panel and test guest has (gone
 // with a reboot, as the processes holding the names are). One that another
-// user could write is not trusted; "" then, after saying why.
+// user could write is not trusted; "" then, after saying why. Under a
+// userspace driver the names are that driver's: kept beside its socket, so
+// that sessions on one host, each with a driver of its own, never share them.
 std::string default_names_file()
 {
     std::string dir = "/dev/shm/hmisvc-servicemanager-" + std::to_string(geteuid());
+    const char *socket = std::getenv("HMISVC_BINDER_SOCKET");
+    if (socket && *socket) {
+        const std::string path = socket;
+        const auto slash = path.rfind('/');
+        dir = slash == std::string::npos ? "." : path.substr(0, slash);
+        if (dir.empty())
+            dir = "/";
+    }
     struct stat st{};
     if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
         std::fprintf(stderr, "hmisvc-servicemanager: cannot make %s (%s); names are not kept across a restart\n",
