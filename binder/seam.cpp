@@ -175,14 +175,8 @@ bool send_request(int fd, msghdr &msg)
     msghdr large{};
     large.msg_iov = &iov;
     large.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-    large.msg_control = control;
-    large.msg_controllen = sizeof control;
-    cmsghdr *c = CMSG_FIRSTHDR(&large);
-    c->cmsg_level = SOL_SOCKET;
-    c->cmsg_type = SCM_RIGHTS;
-    c->cmsg_len = CMSG_LEN(sizeof(int));
-    std::memcpy(CMSG_DATA(c), &memfd, sizeof memfd);
+    seam::PassedFd room;
+    seam::pass_fd(large, room, memfd);
     const bool sent = wait_for(fd, POLLOUT, [&] { return sendmsg(fd, &large, MSG_NOSIGNAL); });
     const int error = errno;
     close(memfd);

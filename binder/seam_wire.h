@@ -18,6 +18,8 @@
 #define HMISVC_BINDER_SEAM_WIRE_H
 
 #include <cstdint>
+#include <cstring>
+#include <sys/socket.h>
 
 namespace hmisvc::binder::seam {
 
@@ -70,6 +72,23 @@ struct Attachment {
     uint64_t data_size;
     uint64_t offsets_size;
 };
+
+/* Room for one descriptor passed beside a packet. */
+struct PassedFd {
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+};
+
+/* Makes `msg` pass `fd` along (SCM_RIGHTS), its control data in `room`. */
+inline void pass_fd(msghdr &msg, PassedFd &room, int fd)
+{
+    msg.msg_control = room.control;
+    msg.msg_controllen = sizeof room.control;
+    cmsghdr *c = CMSG_FIRSTHDR(&msg);
+    c->cmsg_level = SOL_SOCKET;
+    c->cmsg_type = SCM_RIGHTS;
+    c->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
+}
 
 } // namespace hmisvc::binder::seam
 

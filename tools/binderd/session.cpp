@@ -35,16 +35,9 @@ void send_packet(int fd, const void *data, size_t size, int pass_fd)
     msghdr msg{};
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-    if (pass_fd >= 0) {
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        cmsghdr *c = CMSG_FIRSTHDR(&msg);
-        c->cmsg_level = SOL_SOCKET;
-        c->cmsg_type = SCM_RIGHTS;
-        c->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(c), &pass_fd, sizeof pass_fd);
-    }
+    seam::PassedFd room;
+    if (pass_fd >= 0)
+        seam::pass_fd(msg, room, pass_fd);
     // A peer that went away is noticed as a hangup by the loop.
     while (sendmsg(fd, &msg, MSG_NOSIGNAL) < 0 && errno == EINTR) {
     }
