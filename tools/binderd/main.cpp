@@ -7,6 +7,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <dirent.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -29,11 +31,39 @@ std::string private_dir()
     return templ;
 }
 
+// The private directory and what the session left in it (the service
+// manager keeps its names beside the socket).
+void remove_private_dir(const std::string &dir)
+{
+    if (DIR *d = opendir(dir.c_str())) {
+        while (const dirent *e = readdir(d))
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
+                unlink((dir + "/" + e->d_name).c_str());
+        closedir(d);
+    }
+    rmdir(dir.c_str());
+}
+
+// The command's process, to which an ending signal is passed on: the
+// session then ends its own and we end with it.
+volatile sig_atomic_t command_pid = 0;
+
+void pass_on(int sig)
+{
+    if (command_pid > 0)
+        kill(command_pid, sig);
+}
+
 int run(const std::vector<std::string> &command, const std::string &socket)
 {
     setenv(hmisvc::binder::seam::kSocketEnv, socket.c_str(), 1);
+    const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
+        // Should we die however we die (SIGKILL included), the command hears.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent)
+            _exit(128 + SIGTERM);
         std::vector<char *> argv;
         for (const auto &arg : command)
             argv.push_back(const_cast<char *>(arg.c_str()));
@@ -99,7 +129,15 @@ int main(int argc, char **argv)
         std::fflush(stdout);
         binderd::serve(*driver, listener, -1);
     } else {
+        // Our caller's death (SIGKILL included) ends the command, and so us.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        struct sigaction sa{};
+        sa.sa_handler = pass_on;
+        sigemptyset(&sa.sa_mask);
+        for (const int sig : {SIGTERM, SIGINT, SIGHUP})
+            sigaction(sig, &sa, nullptr);
         const pid_t pid = run(command, socket);
+        command_pid = pid;
         const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
         if (pid < 0 || pidfd < 0) {
             std::fprintf(stderr, "hmisvc-binderd: cannot start the command (%s)\n",
@@ -114,6 +152,6 @@ int main(int argc, char **argv)
     }
     unlink(socket.c_str());
     if (!dir.empty())
-        rmdir(dir.c_str());
+        remove_private_dir(dir);
     return status;
 }
