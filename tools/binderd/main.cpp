@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -44,14 +45,64 @@ void remove_private_dir(const std::string &dir)
     rmdir(dir.c_str());
 }
 
-// The command's process, to which an ending signal is passed on: the
-// session then ends its own and we end with it.
+// The command's process, to whose processes an ending signal is passed on:
+// the session then ends and we end with it. A shell defers its traps while
+// it waits for a child, so each descendant gets it, not just the command.
 volatile sig_atomic_t command_pid = 0;
+
+// Appends `v` in decimal at `at`; the end.
+char *put_number(char *at, long v)
+{
+    char digits[24];
+    int n = 0;
+    do
+        digits[n++] = static_cast<char>('0' + v % 10);
+    while ((v /= 10) > 0);
+    while (n > 0)
+        *at++ = digits[--n];
+    return at;
+}
+
+char *put_text(char *at, const char *text)
+{
+    while (*text)
+        *at++ = *text++;
+    return at;
+}
+
+// Sends `sig` to `pid`'s descendants, then to `pid`: open, read and kill
+// only, as a signal handler may.
+void signal_tree(pid_t pid, int sig, int depth)
+{
+    char path[96];
+    char *at = put_text(path, "/proc/");
+    at = put_number(at, pid);
+    at = put_text(at, "/task/");
+    at = put_number(at, pid);
+    *put_text(at, "/children") = 0;
+    char list[512];
+    ssize_t got = 0;
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        got = read(fd, list, sizeof list - 1);
+        close(fd);
+    }
+    long child = 0;
+    for (ssize_t i = 0; depth < 16 && i < got; ++i) {
+        if (list[i] >= '0' && list[i] <= '9') {
+            child = child * 10 + (list[i] - '0');
+        } else if (child > 0) {
+            signal_tree(static_cast<pid_t>(child), sig, depth + 1);
+            child = 0;
+        }
+    }
+    kill(pid, sig);
+}
 
 void pass_on(int sig)
 {
     if (command_pid > 0)
-        kill(command_pid, sig);
+        signal_tree(command_pid, sig, 0);
 }
 
 int run(const std::vector<std::string> &command, const std::string &socket)
