@@ -319,8 +319,10 @@ private:
                 continue;
             }
             const auto now = Clock::now();
-            if (s.deadlines.begin()->first.first > now) {
-                s.timer.wait_until(lock, s.deadlines.begin()->first.first);
+            // A copy: the entry may be erased while the lock is let go.
+            const auto next = s.deadlines.begin()->first.first;
+            if (next > now) {
+                s.timer.wait_until(lock, next);
                 continue;
             }
             while (!s.deadlines.empty() && s.deadlines.begin()->first.first <= now) {
