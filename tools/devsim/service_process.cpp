@@ -1,0 +1,446 @@
+#include "service_process.h"
+
+#include "looper.h"
+
+#include <binder/protocol.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace hmisvc::devsim {
+
+namespace {
+
+// What goes between a service's process and the main process, each a frame:
+// its length (32 bits, host order: both ends are one program), this head,
+// then data_size bytes of data and offsets_count binder_size_t offsets.
+enum Kind : uint32_t {
+    kReady = 1,   // process -> main: the process serves
+    kCall,        // process -> main: a transaction to answer
+    kReply,       // main -> process: the answer (status, then data)
+    kPublish,     // main -> process: publish the name
+    kUnpublish,   // main -> process: drop the name
+    kAnswer,      // process -> main: a command's status
+};
+
+struct Head {
+    uint32_t kind = 0;
+    uint32_t id = 0;
+    uint32_t code = 0;
+    uint32_t flags = 0;
+    int32_t pid = 0;
+    uint32_t euid = 0;
+    int32_t status = 0;
+    uint32_t data_size = 0;
+    uint32_t offsets_count = 0;
+};
+
+struct Frame {
+    Head head;
+    std::vector<char> data;
+    std::vector<binder_size_t> offsets;
+};
+
+bool write_all(int fd, const void *p, std::size_t n)
+{
+    auto *c = static_cast<const char *>(p);
+    while (n) {
+        ssize_t w = send(fd, c, n, MSG_NOSIGNAL);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0)
+            return false;
+        c += w, n -= static_cast<std::size_t>(w);
+    }
+    return true;
+}
+
+bool read_all(int fd, void *p, std::size_t n)
+{
+    auto *c = static_cast<char *>(p);
+    while (n) {
+        ssize_t r = ::read(fd, c, n);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            return false;
+        c += r, n -= static_cast<std::size_t>(r);
+    }
+    return true;
+}
+
+// One frame whole, under the sender's lock (several threads send on one
+// socket).
+bool send_frame(int fd, std::mutex &lock, Head head, const void *data, const binder_size_t *offsets)
+{
+    uint32_t length = static_cast<uint32_t>(sizeof head + head.data_size + head.offsets_count * sizeof(binder_size_t));
+    std::vector<char> out(sizeof length + length);
+    char *p = out.data();
+    std::memcpy(p, &length, sizeof length), p += sizeof length;
+    std::memcpy(p, &head, sizeof head), p += sizeof head;
+    if (head.data_size)
+        std::memcpy(p, data, head.data_size), p += head.data_size;
+    if (head.offsets_count)
+        std::memcpy(p, offsets, head.offsets_count * sizeof(binder_size_t));
+    std::lock_guard<std::mutex> hold(lock);
+    return write_all(fd, out.data(), out.size());
+}
+
+// Frames are at most a transaction's size (the driver's mapping) and a head.
+constexpr uint32_t kMaxFrame = 4u * 1024 * 1024;
+
+bool read_frame(int fd, Frame &frame)
+{
+    uint32_t length = 0;
+    if (!read_all(fd, &length, sizeof length) || length < sizeof frame.head || length > kMaxFrame ||
+        !read_all(fd, &frame.head, sizeof frame.head))
+        return false;
+    std::size_t rest = length - sizeof frame.head;
+    std::size_t offsets_bytes = std::size_t{frame.head.offsets_count} * sizeof(binder_size_t);
+    if (frame.head.data_size > rest || rest - frame.head.data_size != offsets_bytes)
+        return false;
+    frame.data.resize(frame.head.data_size);
+    frame.offsets.resize(frame.head.offsets_count);
+    return read_all(fd, frame.data.data(), frame.data.size()) &&
+           read_all(fd, frame.offsets.data(), offsets_bytes);
+}
+
+// Threads serving in a service's process: a call the main process delays
+// (`sim fail --delay-ms`) keeps one.
+constexpr int kServiceLoopers = 4;
+constexpr std::size_t kServiceReplyArea = 64 * 1024;
+
+}  // namespace
+
+// ---- the service's process ----
+
+int run_service_process(const std::string &name, int fd)
+{
+    binder_connection *bs = binder_open(1024 * 1024);
+    if (!bs)
+        return 1;
+    tools::Publisher publisher(bs);
+    publisher.claim_names();  // kept for this program across the process's restart
+    static char object;       // the service's address; its answers come from the main process
+    std::mutex send_lock, replies_lock;
+    std::condition_variable replied;
+    std::map<uint32_t, Frame> replies;
+    std::atomic<uint32_t> next_id{1};
+
+    auto handler = [&](const binder_transaction_data &txn, binder_io &msg, binder_io &reply) {
+        Head head;
+        head.kind = kCall;
+        head.id = next_id++;
+        head.code = txn.code;
+        head.flags = txn.flags;
+        head.pid = txn.sender_pid;
+        head.euid = txn.sender_euid;
+        head.data_size = static_cast<uint32_t>(txn.data_size);
+        head.offsets_count = static_cast<uint32_t>(txn.offsets_size / sizeof(binder_size_t));
+        (void)msg;
+        if (!send_frame(fd, send_lock, head, binder::native_ptr<char>(txn.data.ptr.buffer),
+                        binder::native_ptr<binder_size_t>(txn.data.ptr.offsets)))
+            std::_Exit(0);  // the main process is gone: so is the simulator
+        std::unique_lock<std::mutex> lock(replies_lock);
+        replied.wait(lock, [&] { return replies.count(head.id) != 0; });
+        Frame answer = std::move(replies[head.id]);
+        replies.erase(head.id);
+        lock.unlock();
+        if (answer.head.status != 0)
+            return static_cast<int>(answer.head.status);
+        if (answer.data.size() > reply.data_left || answer.offsets.size() > reply.offsets_left)
+            return tools::kFailTransaction;
+        std::memcpy(reply.cursor, answer.data.data(), answer.data.size());
+        reply.cursor += answer.data.size();
+        reply.data_left -= static_cast<uint32_t>(answer.data.size());
+        for (binder_size_t off : answer.offsets)
+            *reply.offsets_cursor++ = off, --reply.offsets_left;
+        return 0;
+    };
+    for (int i = 0; i < kServiceLoopers; ++i)
+        std::thread([&, i] { tools::serve(bs, handler, kServiceReplyArea, i == 0); }).detach();
+    publisher.watch();
+
+    Head ready;
+    ready.kind = kReady;
+    ready.pid = getpid();
+    send_frame(fd, send_lock, ready, nullptr, nullptr);
+    for (Frame frame; read_frame(fd, frame);) {
+        if (frame.head.kind == kReply) {
+            std::lock_guard<std::mutex> lock(replies_lock);
+            replies[frame.head.id] = std::move(frame);
+            replied.notify_all();
+        } else if (frame.head.kind == kPublish || frame.head.kind == kUnpublish) {
+            Head answer;
+            answer.kind = kAnswer;
+            answer.id = frame.head.id;
+            answer.status = frame.head.kind == kPublish ? publisher.publish(name, &object)
+                                                        : publisher.unpublish(name, &object);
+            send_frame(fd, send_lock, answer, nullptr, nullptr);
+        }
+    }
+    // The main process ended: the simulator with it.
+    std::_Exit(0);
+}
+
+// ---- the main process's side ----
+
+struct ServiceProcesses::Child {
+    std::string name;
+    const Service *service = nullptr;
+    pid_t pid = 0;
+    int fd = -1;
+    bool ready = false;
+    bool want_published = false;
+    int restarts = 0;
+    std::mutex send_lock;
+    std::map<uint32_t, int> answers;
+};
+
+bool ServiceProcesses::separate(const std::string &name)
+{
+    // The broadcast service keeps the callers' endpoints (binder objects
+    // that only its own process could hold) and the control service steers
+    // the rest: both stay in the main process.
+    return name != "broadcast";
+}
+
+ServiceProcesses::ServiceProcesses(binder_connection *bs, Simulator &simulator, std::string program)
+    : tools::Publisher(bs), simulator_(simulator), program_(std::move(program))
+{
+    for (const Service &s : simulator_.services())
+        if (separate(s.name)) {
+            auto child = std::make_unique<Child>();
+            child->name = s.name;
+            child->service = &s;
+            children_[s.name] = std::move(child);
+        }
+}
+
+ServiceProcesses::~ServiceProcesses()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+    for (auto &entry : children_)
+        if (entry.second->pid > 0)
+            kill(entry.second->pid, SIGKILL);
+}
+
+std::string ServiceProcesses::start()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (auto &entry : children_)
+        launch(*entry.second);
+    // Each process says when it serves; a bound only against one that hangs.
+    bool all = changed_.wait_for(lock, std::chrono::seconds(30), [this] {
+        for (auto &entry : children_)
+            if (!entry.second->ready)
+                return false;
+        return true;
+    });
+    if (all)
+        return {};
+    for (auto &entry : children_)
+        if (!entry.second->ready)
+            return "the process of \"" + entry.first + "\" did not start within 30 s";
+    return {};
+}
+
+// With mutex_ held.
+void ServiceProcesses::launch(Child &child)
+{
+    int fds[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
+        std::fprintf(stderr, "hmisvc-devsim: cannot start the process of \"%s\": %s\n", child.name.c_str(),
+                     std::strerror(errno));
+        return;
+    }
+    // Built before the fork: the child of a threaded process may only make
+    // async-signal-safe calls until it execs.
+    std::string arg = child.name + ",3";
+    const char *argv[] = {program_.c_str(), kServiceProcessOption, arg.c_str(), nullptr};
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (fds[1] != 3)
+            dup2(fds[1], 3);
+        fcntl(3, F_SETFD, 0);
+        // Nothing else of the main process's (its binder connection least of
+        // all: the driver must see the main process end when it does).
+        if (syscall(SYS_close_range, 4u, ~0u, 0u) != 0)
+            for (int fd = 4; fd < 4096; ++fd)
+                close(fd);
+        execv(program_.c_str(), const_cast<char **>(argv));
+        _exit(127);
+    }
+    close(fds[1]);
+    if (pid < 0) {
+        close(fds[0]);
+        std::fprintf(stderr, "hmisvc-devsim: cannot start the process of \"%s\": %s\n", child.name.c_str(),
+                     std::strerror(errno));
+        return;
+    }
+    child.pid = pid;
+    child.fd = fds[0];
+    child.ready = false;
+    std::thread(&ServiceProcesses::read_loop, this, &child, fds[0], pid).detach();
+}
+
+void ServiceProcesses::read_loop(Child *child, int fd, pid_t pid)
+{
+    for (Frame frame; read_frame(fd, frame);) {
+        switch (frame.head.kind) {
+        case kReady: {
+            std::lock_guard<std::mutex> lock(mutex_);
+            child->ready = true;
+            // Back after a restart: published again as it was.
+            if (child->restarts > 0 && child->want_published) {
+                Head publish;
+                publish.kind = kPublish;
+                send_frame(fd, child->send_lock, publish, nullptr, nullptr);
+            }
+            changed_.notify_all();
+            break;
+        }
+        case kAnswer: {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (frame.head.id == 0 && frame.head.status != 0)
+                std::fprintf(stderr, "hmisvc-devsim: \"%s\" restarted but not published again (status %d)\n",
+                             child->name.c_str(), frame.head.status);
+            child->answers[frame.head.id] = frame.head.status;
+            changed_.notify_all();
+            break;
+        }
+        case kCall:
+            // A thread per call: a delayed call holds only its own.
+            std::thread([this, child, fd, f = std::move(frame)]() mutable {
+                binder_transaction_data txn{};
+                txn.target.ptr = object_word(child->service);
+                txn.code = f.head.code;
+                txn.flags = f.head.flags;
+                txn.sender_pid = f.head.pid;
+                txn.sender_euid = f.head.euid;
+                txn.data_size = f.data.size();
+                txn.offsets_size = f.offsets.size() * sizeof(binder_size_t);
+                txn.data.ptr.buffer = binder::wire_ptr(f.data.data());
+                txn.data.ptr.offsets = binder::wire_ptr(f.offsets.data());
+                binder_io msg, reply;
+                bio_init_from_txn(&msg, &txn);
+                std::vector<char> area(kReplyArea);
+                bio_init(&reply, area.data(), static_cast<uint32_t>(area.size()), 4);
+                Head head;
+                head.kind = kReply;
+                head.id = f.head.id;
+                head.status = simulator_.handle(txn, msg, reply);
+                binder_transaction_data out = binder::txn_over(&reply);
+                if (head.status == 0) {
+                    head.data_size = static_cast<uint32_t>(out.data_size);
+                    head.offsets_count = static_cast<uint32_t>(out.offsets_size / sizeof(binder_size_t));
+                }
+                send_frame(fd, child->send_lock, head, reply.data_start,
+                           reinterpret_cast<const binder_size_t *>(reply.offsets_start));
+            }).detach();
+            break;
+        default:
+            break;
+        }
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    close(fd);
+    if (stopping_)
+        return;
+    // Not killed by us: a fault of the simulator. Said, and restarted; the
+    // state is the main process's and survives it.
+    if (WIFEXITED(status))
+        std::fprintf(stderr, "hmisvc-devsim: the process of \"%s\" (pid %d) exited with status %d; restarting it\n",
+                     child->name.c_str(), pid, WEXITSTATUS(status));
+    else
+        std::fprintf(stderr, "hmisvc-devsim: the process of \"%s\" (pid %d) was killed by signal %d; restarting it\n",
+                     child->name.c_str(), pid, WTERMSIG(status));
+    child->pid = 0;
+    child->fd = -1;
+    child->answers.clear();
+    ++child->restarts;
+    launch(*child);
+    changed_.notify_all();
+}
+
+int ServiceProcesses::command(Child &child, uint32_t kind)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (child.fd < 0 || !child.ready)
+        return -1;
+    Head head;
+    head.kind = kind;
+    head.id = next_id_++;
+    int fd = child.fd;
+    pid_t pid = child.pid;
+    lock.unlock();
+    if (!send_frame(fd, child.send_lock, head, nullptr, nullptr))
+        return -1;
+    lock.lock();
+    changed_.wait(lock, [&] { return child.answers.count(head.id) != 0 || child.pid != pid || stopping_; });
+    auto it = child.answers.find(head.id);
+    if (it == child.answers.end())
+        return -1;
+    int status = it->second;
+    child.answers.erase(it);
+    return status;
+}
+
+int ServiceProcesses::publish(const std::string &name, void *object)
+{
+    auto it = children_.find(name);
+    if (it == children_.end())
+        return tools::Publisher::publish(name, object);
+    int status = command(*it->second, kPublish);
+    if (status == 0) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        it->second->want_published = true;
+    }
+    return status;
+}
+
+int ServiceProcesses::unpublish(const std::string &name, void *object)
+{
+    auto it = children_.find(name);
+    if (it == children_.end())
+        return tools::Publisher::unpublish(name, object);
+    int status = command(*it->second, kUnpublish);
+    if (status == 0) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        it->second->want_published = false;
+    }
+    return status;
+}
+
+bool ServiceProcesses::published(const std::string &name) const
+{
+    auto it = children_.find(name);
+    if (it == children_.end())
+        return tools::Publisher::published(name);
+    std::lock_guard<std::mutex> lock(mutex_);
+    return it->second->want_published;
+}
+
+std::vector<ServiceProcesses::Status> ServiceProcesses::status() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<Status> out;
+    for (const auto &entry : children_)
+        out.push_back({entry.first, entry.second->pid, entry.second->restarts});
+    return out;
+}
+
+}  // namespace hmisvc::devsim
