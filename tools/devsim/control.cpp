@@ -1,5 +1,7 @@
 #include "control.h"
 
+#include "service_process.h"
+
 #include "names.h"
 #include "state.h"
 
@@ -115,7 +117,10 @@ Control::Control(Device &device, Simulator &simulator, tools::Publisher &publish
                  on("reset", [](Control &c) { return c.reset(); }),
                  on("play", [](Control &c, S document) { return c.play(document); }),
                  on("broadcast", [](Control &c, S action, S extras) {
-                        return with_json(extras, [&](const Json &e) { return c.broadcast_json(action, e); }); })}};
+                        return with_json(extras, [&](const Json &e) { return c.broadcast_json(action, e); }); }),
+                 on("crash", [](Control &c, S name, int32_t after_ms) { return c.crash(name, after_ms); }),
+                 on("restart", [](Control &c, S name) { return c.restart(name); }),
+                 on("processes", [](Control &c) { return c.processes(); })}};
 }
 
 Result Control::dump() const
@@ -272,6 +277,52 @@ Result Control::unpublish(const std::string &name)
             return {Result::kFailed, std::string("the service manager does not take unpublish requests")};
         return {Result::kDone, s.name};
     });
+}
+
+namespace {
+
+// f(processes, service) for a service that runs in a process of its own.
+template <class F> Result on_process(tools::Publisher &publisher, const Service &s, F f)
+{
+    auto *processes = dynamic_cast<ServiceProcesses *>(&publisher);
+    if (!processes || !ServiceProcesses::separate(s.name))
+        return refused(std::string(s.name) + " runs in the simulator's main process: it cannot crash alone");
+    std::string why = f(*processes, s.name);
+    return why.empty() ? Result{Result::kDone, s.name} : Result{Result::kFailed, why};
+}
+
+}  // namespace
+
+Result Control::crash(const std::string &name, int32_t restart_after_ms)
+{
+    if (name == kServiceName)
+        return refused(std::string(kServiceName) +
+                       " is the simulator's control service and cannot crash alone; to stop every service, "
+                       "stop the simulator (Ctrl-C, or kill hmisvc-devsim's pid)");
+    return on_service(name, [&](const Service &s) {
+        return on_process(publisher_, s, [&](ServiceProcesses &p, const std::string &n) {
+            return p.crash(n, restart_after_ms);
+        });
+    });
+}
+
+Result Control::restart(const std::string &name)
+{
+    return on_service(name, [&](const Service &s) {
+        return on_process(publisher_, s, [](ServiceProcesses &p, const std::string &n) { return p.restart(n); });
+    });
+}
+
+Result Control::processes()
+{
+    Json out = Json::array();
+    if (auto *p = dynamic_cast<ServiceProcesses *>(&publisher_))
+        for (const ServiceProcesses::Status &st : p->status())
+            out.push_back({{"service", st.name},
+                           {"pid", st.pid},
+                           {"restarts", st.restarts},
+                           {"state", st.crashed ? "crashed" : st.pid ? "up" : "restarting"}});
+    return {Result::kDone, out.dump()};
 }
 
 Result Control::broadcast(const std::string &action, const std::map<std::string, int> &ints,

@@ -194,15 +194,31 @@ int run_service_process(const std::string &name, int fd)
 
 // ---- the main process's side ----
 
+// One process's socket: closed when the last thread answering on it lets go,
+// so that its number is not reused (by the next process's socket) while a
+// late answer may still be sent on it.
+struct ServiceLink {
+    int fd;
+    std::mutex send_lock;
+    explicit ServiceLink(int f) : fd(f) {}
+    ~ServiceLink() { close(fd); }
+    bool send(const Head &head, const void *data = nullptr, const binder_size_t *offsets = nullptr)
+    {
+        return send_frame(fd, send_lock, head, data, offsets);
+    }
+};
+
 struct ServiceProcesses::Child {
     std::string name;
     const Service *service = nullptr;
-    pid_t pid = 0;
-    int fd = -1;
+    pid_t pid = 0;  // 0: down
+    std::shared_ptr<ServiceLink> link;
     bool ready = false;
     bool want_published = false;
+    bool republished = false;
+    bool crashed = false;    // killed by `sim crash`: down until restarted
+    uint64_t generation = 0;  // launches, so that a scheduled restart finds out it is stale
     int restarts = 0;
-    std::mutex send_lock;
     std::map<uint32_t, int> answers;
 };
 
@@ -233,6 +249,7 @@ ServiceProcesses::~ServiceProcesses()
     for (auto &entry : children_)
         if (entry.second->pid > 0)
             kill(entry.second->pid, SIGKILL);
+    changed_.notify_all();
 }
 
 std::string ServiceProcesses::start()
@@ -241,14 +258,12 @@ std::string ServiceProcesses::start()
     for (auto &entry : children_)
         launch(*entry.second);
     // Each process says when it serves; a bound only against one that hangs.
-    bool all = changed_.wait_for(lock, std::chrono::seconds(30), [this] {
+    changed_.wait_for(lock, std::chrono::seconds(30), [this] {
         for (auto &entry : children_)
             if (!entry.second->ready)
                 return false;
         return true;
     });
-    if (all)
-        return {};
     for (auto &entry : children_)
         if (!entry.second->ready)
             return "the process of \"" + entry.first + "\" did not start within 30 s";
@@ -289,76 +304,85 @@ void ServiceProcesses::launch(Child &child)
         return;
     }
     child.pid = pid;
-    child.fd = fds[0];
-    child.ready = false;
-    std::thread(&ServiceProcesses::read_loop, this, &child, fds[0], pid).detach();
+    child.link = std::make_shared<ServiceLink>(fds[0]);
+    child.ready = child.republished = child.crashed = false;
+    if (child.generation++ > 0)
+        ++child.restarts;
+    std::thread(&ServiceProcesses::read_loop, this, &child, child.link, pid).detach();
 }
 
-void ServiceProcesses::read_loop(Child *child, int fd, pid_t pid)
+namespace {
+
+// Answers one forwarded call from the one state.
+void answer(Simulator &simulator, const Service *service, const std::shared_ptr<ServiceLink> &link, Frame frame)
 {
-    for (Frame frame; read_frame(fd, frame);) {
-        switch (frame.head.kind) {
-        case kReady: {
-            std::lock_guard<std::mutex> lock(mutex_);
+    binder_transaction_data txn{};
+    txn.target.ptr = object_word(service);
+    txn.code = frame.head.code;
+    txn.flags = frame.head.flags;
+    txn.sender_pid = frame.head.pid;
+    txn.sender_euid = frame.head.euid;
+    txn.data_size = frame.data.size();
+    txn.offsets_size = frame.offsets.size() * sizeof(binder_size_t);
+    txn.data.ptr.buffer = binder::wire_ptr(frame.data.data());
+    txn.data.ptr.offsets = binder::wire_ptr(frame.offsets.data());
+    binder_io msg, reply;
+    bio_init_from_txn(&msg, &txn);
+    std::vector<char> area(kReplyArea);
+    bio_init(&reply, area.data(), static_cast<uint32_t>(area.size()), 4);
+    Head head;
+    head.kind = kReply;
+    head.id = frame.head.id;
+    head.status = simulator.handle(txn, msg, reply);
+    binder_transaction_data out = binder::txn_over(&reply);
+    if (head.status == 0) {
+        head.data_size = static_cast<uint32_t>(out.data_size);
+        head.offsets_count = static_cast<uint32_t>(out.offsets_size / sizeof(binder_size_t));
+    }
+    // Sent on the process's own socket: if it died meanwhile, nobody reads.
+    link->send(head, reply.data_start, reinterpret_cast<const binder_size_t *>(reply.offsets_start));
+}
+
+}  // namespace
+
+void ServiceProcesses::read_loop(Child *child, std::shared_ptr<ServiceLink> link, pid_t pid)
+{
+    for (Frame frame; read_frame(link->fd, frame);) {
+        if (frame.head.kind == kCall) {
+            // A thread per call: a delayed call holds only its own.
+            std::thread([this, child, link, f = std::move(frame)]() mutable { answer(simulator_, child->service, link, std::move(f)); })
+                .detach();
+            continue;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (frame.head.kind == kReady) {
             child->ready = true;
             // Back after a restart: published again as it was.
-            if (child->restarts > 0 && child->want_published) {
-                Head publish;
-                publish.kind = kPublish;
-                send_frame(fd, child->send_lock, publish, nullptr, nullptr);
+            Head publish;
+            publish.kind = kPublish;
+            if (child->restarts == 0 || !child->want_published || !link->send(publish))
+                child->republished = true;
+        } else if (frame.head.kind == kAnswer) {
+            if (frame.head.id == 0) {
+                child->republished = true;
+                if (frame.head.status != 0)
+                    std::fprintf(stderr, "hmisvc-devsim: \"%s\" restarted but not published again (status %d)\n",
+                                 child->name.c_str(), frame.head.status);
             }
-            changed_.notify_all();
-            break;
-        }
-        case kAnswer: {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (frame.head.id == 0 && frame.head.status != 0)
-                std::fprintf(stderr, "hmisvc-devsim: \"%s\" restarted but not published again (status %d)\n",
-                             child->name.c_str(), frame.head.status);
             child->answers[frame.head.id] = frame.head.status;
-            changed_.notify_all();
-            break;
         }
-        case kCall:
-            // A thread per call: a delayed call holds only its own.
-            std::thread([this, child, fd, f = std::move(frame)]() mutable {
-                binder_transaction_data txn{};
-                txn.target.ptr = object_word(child->service);
-                txn.code = f.head.code;
-                txn.flags = f.head.flags;
-                txn.sender_pid = f.head.pid;
-                txn.sender_euid = f.head.euid;
-                txn.data_size = f.data.size();
-                txn.offsets_size = f.offsets.size() * sizeof(binder_size_t);
-                txn.data.ptr.buffer = binder::wire_ptr(f.data.data());
-                txn.data.ptr.offsets = binder::wire_ptr(f.offsets.data());
-                binder_io msg, reply;
-                bio_init_from_txn(&msg, &txn);
-                std::vector<char> area(kReplyArea);
-                bio_init(&reply, area.data(), static_cast<uint32_t>(area.size()), 4);
-                Head head;
-                head.kind = kReply;
-                head.id = f.head.id;
-                head.status = simulator_.handle(txn, msg, reply);
-                binder_transaction_data out = binder::txn_over(&reply);
-                if (head.status == 0) {
-                    head.data_size = static_cast<uint32_t>(out.data_size);
-                    head.offsets_count = static_cast<uint32_t>(out.offsets_size / sizeof(binder_size_t));
-                }
-                send_frame(fd, child->send_lock, head, reply.data_start,
-                           reinterpret_cast<const binder_size_t *>(reply.offsets_start));
-            }).detach();
-            break;
-        default:
-            break;
-        }
+        changed_.notify_all();
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     std::lock_guard<std::mutex> lock(mutex_);
-    close(fd);
-    if (stopping_)
+    child->pid = 0;
+    child->ready = false;
+    child->link.reset();
+    child->answers.clear();
+    changed_.notify_all();
+    if (stopping_ || child->crashed)
         return;
     // Not killed by us: a fault of the simulator. Said, and restarted; the
     // state is the main process's and survives it.
@@ -368,29 +392,23 @@ void ServiceProcesses::read_loop(Child *child, int fd, pid_t pid)
     else
         std::fprintf(stderr, "hmisvc-devsim: the process of \"%s\" (pid %d) was killed by signal %d; restarting it\n",
                      child->name.c_str(), pid, WTERMSIG(status));
-    child->pid = 0;
-    child->fd = -1;
-    child->answers.clear();
-    ++child->restarts;
     launch(*child);
-    changed_.notify_all();
 }
 
 int ServiceProcesses::command(Child &child, uint32_t kind)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (child.fd < 0 || !child.ready)
+    if (!child.link || !child.ready)
         return -1;
     Head head;
     head.kind = kind;
     head.id = next_id_++;
-    int fd = child.fd;
-    pid_t pid = child.pid;
+    std::shared_ptr<ServiceLink> link = child.link;
     lock.unlock();
-    if (!send_frame(fd, child.send_lock, head, nullptr, nullptr))
+    if (!link->send(head))
         return -1;
     lock.lock();
-    changed_.wait(lock, [&] { return child.answers.count(head.id) != 0 || child.pid != pid || stopping_; });
+    changed_.wait(lock, [&] { return child.answers.count(head.id) != 0 || child.link != link || stopping_; });
     auto it = child.answers.find(head.id);
     if (it == child.answers.end())
         return -1;
@@ -399,39 +417,84 @@ int ServiceProcesses::command(Child &child, uint32_t kind)
     return status;
 }
 
-int ServiceProcesses::publish(const std::string &name, void *object)
+ServiceProcesses::Child *ServiceProcesses::child(const std::string &name) const
 {
     auto it = children_.find(name);
-    if (it == children_.end())
+    return it == children_.end() ? nullptr : it->second.get();
+}
+
+int ServiceProcesses::publish(const std::string &name, void *object)
+{
+    Child *c = child(name);
+    if (!c)
         return tools::Publisher::publish(name, object);
-    int status = command(*it->second, kPublish);
-    if (status == 0) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        it->second->want_published = true;
-    }
-    return status;
+    int status = command(*c, kPublish);
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (status == 0 || c->crashed)
+        c->want_published = true;  // a crashed service publishes when it is back
+    return c->crashed ? 0 : status;
 }
 
 int ServiceProcesses::unpublish(const std::string &name, void *object)
 {
-    auto it = children_.find(name);
-    if (it == children_.end())
+    Child *c = child(name);
+    if (!c)
         return tools::Publisher::unpublish(name, object);
-    int status = command(*it->second, kUnpublish);
-    if (status == 0) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        it->second->want_published = false;
-    }
-    return status;
+    int status = command(*c, kUnpublish);
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (status == 0 || c->crashed)
+        c->want_published = false;
+    return c->crashed ? 0 : status;
 }
 
 bool ServiceProcesses::published(const std::string &name) const
 {
-    auto it = children_.find(name);
-    if (it == children_.end())
+    Child *c = child(name);
+    if (!c)
         return tools::Publisher::published(name);
     std::lock_guard<std::mutex> lock(mutex_);
-    return it->second->want_published;
+    return c->want_published;
+}
+
+std::string ServiceProcesses::crash(const std::string &name, int restart_after_ms)
+{
+    Child *c = child(name);
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (c->crashed || c->pid == 0)
+        return name + " is already down" +
+               (c->crashed ? " (crashed; `hmisvc sim restart " + name + "` brings it back)" : " (restarting)");
+    c->crashed = true;
+    pid_t pid = c->pid;
+    kill(pid, SIGKILL);
+    // Answered once it is gone, so that the name is dropped by then too; a
+    // bound only against a process the kernel does not end.
+    changed_.wait_for(lock, std::chrono::seconds(10), [&] { return c->pid != pid; });
+    if (restart_after_ms >= 0) {
+        uint64_t generation = c->generation;
+        std::thread([this, c, generation, restart_after_ms] {
+            std::unique_lock<std::mutex> hold(mutex_);
+            changed_.wait_for(hold, std::chrono::milliseconds(restart_after_ms), [&] { return stopping_; });
+            // Not when restarted by hand meanwhile, or the simulator stops.
+            if (!stopping_ && c->crashed && c->generation == generation && c->pid == 0)
+                launch(*c);
+        }).detach();
+    }
+    return {};
+}
+
+std::string ServiceProcesses::restart(const std::string &name)
+{
+    Child *c = child(name);
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!c->crashed)
+        return name + " is running (pid " + std::to_string(c->pid) + "); `hmisvc sim crash " + name + "` ends it";
+    launch(*c);
+    // Answered once it serves and is published again (when it was).
+    pid_t pid = c->pid;
+    changed_.wait_for(lock, std::chrono::seconds(10), [&] { return c->republished || c->pid != pid; });
+    if (!c->republished)
+        return "the process of \"" + name + "\" did not come back";
+    return {};
 }
 
 std::vector<ServiceProcesses::Status> ServiceProcesses::status() const
@@ -439,7 +502,7 @@ std::vector<ServiceProcesses::Status> ServiceProcesses::status() const
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<Status> out;
     for (const auto &entry : children_)
-        out.push_back({entry.first, entry.second->pid, entry.second->restarts});
+        out.push_back({entry.first, entry.second->pid, entry.second->restarts, entry.second->crashed});
     return out;
 }
 

@@ -30,6 +30,8 @@ constexpr const char *kServiceProcessOption = "--service-process";
 // returns the program's exit status.
 int run_service_process(const std::string &name, int fd);
 
+struct ServiceLink;
+
 // The main process's side: starts, watches and steers the services'
 // processes. Names it serves in a process are published and unpublished by
 // that process; others (the control service, the broadcast service, whose
@@ -54,13 +56,23 @@ public:
         std::string name;
         pid_t pid = 0;  // 0: down
         int restarts = 0;
+        bool crashed = false;  // down until `sim restart`
     };
     std::vector<Status> status() const;
 
+    // Kills the service's process at once (SIGKILL) and answers once it is
+    // gone; a new one publishes again after restart_after_ms (below 0: at
+    // `restart`). "" or why not.
+    std::string crash(const std::string &name, int restart_after_ms);
+    // Starts a crashed service's process again; answers once it serves and
+    // is published again. "" or why not.
+    std::string restart(const std::string &name);
+
 private:
     struct Child;
+    Child *child(const std::string &name) const;
     void launch(Child &child);
-    void read_loop(Child *child, int fd, pid_t pid);
+    void read_loop(Child *child, std::shared_ptr<ServiceLink> link, pid_t pid);
     // Sends a command to a child and waits for its answer; -1 when it is down.
     int command(Child &child, uint32_t kind);
 
