@@ -184,7 +184,7 @@ void addControl(CLI::App &sim, int &status)
     cmd = sim.add_subcommand("restart", "Start a crashed service's process again");
     cmd->add_option("SERVICE", *name, "Service name")->required();
     cmd->callback([name, &status] { status = control(kRestart, {{true, *name, 0}}); });
-    sim.add_subcommand("status", "List each service's process: state, pid and restarts")->callback([&status] {
+    sim.add_subcommand("status", "List each service's process: state, pid, restarts and calls in progress")->callback([&status] {
         std::string answer;
         int result = ask(kProcesses, {}, answer);
         nlohmann::json list;
@@ -195,7 +195,7 @@ void addControl(CLI::App &sim, int &status)
         for (const auto &p : list)
             std::cout << std::left << std::setw(12) << p.value("service", "") << ' ' << std::setw(10)
                       << p.value("state", "") << " pid " << std::setw(7) << p.value("pid", 0) << " restarts "
-                      << p.value("restarts", 0) << '\n';
+                      << std::setw(3) << p.value("restarts", 0) << " calls " << p.value("calls", 0) << '\n';
         std::cout << std::flush;
         status = 0;
     });

@@ -321,6 +321,7 @@ Result Control::processes()
             out.push_back({{"service", st.name},
                            {"pid", st.pid},
                            {"restarts", st.restarts},
+                           {"calls", st.calls},
                            {"state", st.crashed ? "crashed" : st.pid ? "up" : "restarting"}});
     return {Result::kDone, out.dump()};
 }

@@ -219,6 +219,7 @@ struct ServiceProcesses::Child {
     bool crashed = false;    // killed by `sim crash`: down until restarted
     uint64_t generation = 0;  // launches, so that a scheduled restart finds out it is stale
     int restarts = 0;
+    std::atomic<int> calls{0};  // forwarded and not answered yet
     std::map<uint32_t, int> answers;
 };
 
@@ -350,8 +351,11 @@ void ServiceProcesses::read_loop(Child *child, std::shared_ptr<ServiceLink> link
     for (Frame frame; read_frame(link->fd, frame);) {
         if (frame.head.kind == kCall) {
             // A thread per call: a delayed call holds only its own.
-            std::thread([this, child, link, f = std::move(frame)]() mutable { answer(simulator_, child->service, link, std::move(f)); })
-                .detach();
+            ++child->calls;
+            std::thread([this, child, link, f = std::move(frame)]() mutable {
+                answer(simulator_, child->service, link, std::move(f));
+                --child->calls;
+            }).detach();
             continue;
         }
         std::lock_guard<std::mutex> lock(mutex_);
@@ -502,7 +506,8 @@ std::vector<ServiceProcesses::Status> ServiceProcesses::status() const
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<Status> out;
     for (const auto &entry : children_)
-        out.push_back({entry.first, entry.second->pid, entry.second->restarts, entry.second->crashed});
+        out.push_back({entry.first, entry.second->pid, entry.second->restarts, entry.second->crashed,
+                       entry.second->calls.load()});
     return out;
 }
 

@@ -57,6 +57,7 @@ public:
         pid_t pid = 0;  // 0: down
         int restarts = 0;
         bool crashed = false;  // down until `sim restart`
+        int calls = 0;         // in progress
     };
     std::vector<Status> status() const;
 
