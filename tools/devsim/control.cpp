@@ -589,6 +589,11 @@ Result Control::reset()
                   : publisher_.unpublish(s.name, const_cast<Service *>(&s))) != 0)
             failed += std::string(failed.empty() ? "" : ", ") + s.name;
     }
+    // Crashed services come back, published as at the start.
+    if (auto *processes = dynamic_cast<ServiceProcesses *>(&publisher_))
+        for (const ServiceProcesses::Status &p : processes->status())
+            if (p.crashed && !processes->restart(p.name).empty())
+                failed += std::string(failed.empty() ? "" : ", ") + p.name;
     simulator_.calls().clear();
     if (!failed.empty())
         return {Result::kFailed, "reset, but the service manager refused to change " + failed};
@@ -615,7 +620,19 @@ Scenario::Checks Control::scenario_checks()
                 return "expected a service name, got " + shown(name);
             return lookup(name.get<std::string>(), why) ? std::string() : why.text;
         };
-        if (action == "heal" || action == "publish" || action == "unpublish")
+        if (action == "heal" || action == "publish" || action == "unpublish" || action == "restart")
+            return service_arg(arg);
+        if (action == "crash" && arg.is_object()) {
+            for (auto it = arg.begin(); it != arg.end(); ++it)
+                if (it.key() != "service" && it.key() != "restart_after_ms")
+                    return unknown_name("field", it.key(), {"service", "restart_after_ms"});
+            if (arg.contains("restart_after_ms") &&
+                (!arg["restart_after_ms"].is_number_integer() || arg["restart_after_ms"].get<int64_t>() < 0 ||
+                 arg["restart_after_ms"].get<int64_t>() > INT32_MAX))
+                return "restart_after_ms: expected an integer from 0 to 2147483647, got " + shown(arg["restart_after_ms"]);
+            return service_arg(arg.value("service", Json()));
+        }
+        if (action == "crash")
             return service_arg(arg);
         if (action == "fail") {
             if (!arg.is_object())
@@ -701,6 +718,10 @@ std::string Control::act(const Step &step)
         r = publish(name(arg));
     } else if (step.action == "unpublish") {
         r = unpublish(name(arg));
+    } else if (step.action == "crash") {
+        r = crash(name(arg), arg.is_object() ? arg.value("restart_after_ms", -1) : -1);
+    } else if (step.action == "restart") {
+        r = restart(name(arg));
     } else if (step.action == "broadcast") {
         Json extras = arg;
         extras.erase("action");
