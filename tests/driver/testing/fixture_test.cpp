@@ -52,6 +52,11 @@ TEST_F(Fixture, VerbsReachApplications)
     EXPECT_EQ(app("check backlight").first, 1);
     device.publish("backlight");
     EXPECT_EQ(app("check backlight").first, 0);
+
+    device.crash("backlight");
+    EXPECT_EQ(app("check backlight").first, 1);
+    device.restart("backlight");
+    EXPECT_NE(app("backlight get").second.find("7"), std::string::npos);  // the state outlives the process
 }
 
 // Leaves the device changed; the next test must not see it.
@@ -60,6 +65,7 @@ TEST_F(Fixture, ChangesEverything)
     device.set("backlight.brightness", "99");
     device.fail("backlight");
     device.unpublish("wifiinfo");
+    device.crash("date");
 }
 
 TEST_F(Fixture, StartsFromTheDeviceAsItWas)
@@ -67,6 +73,7 @@ TEST_F(Fixture, StartsFromTheDeviceAsItWas)
     EXPECT_EQ(device.state().find("\"brightness\": 99"), std::string::npos);
     EXPECT_EQ(app("backlight get").first, 0);
     EXPECT_EQ(app("check wifiinfo").first, 0);
+    EXPECT_EQ(app("check date").first, 0);
 }
 
 TEST_F(Fixture, WrongNamesFailTheTestWithTheSimulatorsWords)
