@@ -430,25 +430,23 @@ ServiceProcesses::Child *ServiceProcesses::child(const std::string &name) const
 int ServiceProcesses::publish(const std::string &name, void *object)
 {
     Child *c = child(name);
-    if (!c)
-        return tools::Publisher::publish(name, object);
-    int status = command(*c, kPublish);
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (status == 0 || c->crashed)
-        c->want_published = true;  // a crashed service publishes when it is back
-    return c->crashed ? 0 : status;
+    return c ? set_published(*c, true) : tools::Publisher::publish(name, object);
 }
 
 int ServiceProcesses::unpublish(const std::string &name, void *object)
 {
     Child *c = child(name);
-    if (!c)
-        return tools::Publisher::unpublish(name, object);
-    int status = command(*c, kUnpublish);
+    return c ? set_published(*c, false) : tools::Publisher::unpublish(name, object);
+}
+
+int ServiceProcesses::set_published(Child &c, bool published)
+{
+    int status = command(c, published ? kPublish : kUnpublish);
     std::lock_guard<std::mutex> lock(mutex_);
-    if (status == 0 || c->crashed)
-        c->want_published = false;
-    return c->crashed ? 0 : status;
+    // A crashed service is published (or not) when it is back.
+    if (status == 0 || c.crashed)
+        c.want_published = published;
+    return c.crashed ? 0 : status;
 }
 
 bool ServiceProcesses::published(const std::string &name) const

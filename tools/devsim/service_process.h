@@ -76,6 +76,7 @@ private:
     void read_loop(Child *child, std::shared_ptr<ServiceLink> link, pid_t pid);
     // Sends a command to a child and waits for its answer; -1 when it is down.
     int command(Child &child, uint32_t kind);
+    int set_published(Child &child, bool published);
 
     Simulator &simulator_;
     std::string program_;
