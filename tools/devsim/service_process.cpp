@@ -5,6 +5,7 @@
 #include <binder/protocol.h>
 
 #include <atomic>
+#include <csignal>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -125,6 +126,11 @@ constexpr std::size_t kServiceReplyArea = 64 * 1024;
 
 int run_service_process(const std::string &name, int fd)
 {
+    // A terminal's signals go to the whole group: the main process's death
+    // ends this one (its socket closes), not a Ctrl-C of its own that the
+    // main process would take for a fault and restart.
+    for (int sig : {SIGINT, SIGQUIT, SIGHUP})
+        std::signal(sig, SIG_IGN);
     binder_connection *bs = binder_open(1024 * 1024);
     if (!bs)
         return 1;
