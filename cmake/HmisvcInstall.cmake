@@ -146,8 +146,8 @@ loads at run time.")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libhmisvc-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${_hmisvc_lib} (= ${_hmisvc_deb_version})")
-# libhmisvc-testing (hmisvc/testing.h) builds on GoogleTest.
-set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "libgtest-dev, hmisvc-tools")
+# libhmisvc-testing (hmisvc/testing.h) builds on GoogleTest and RE2.
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "libgtest-dev, libre2-dev, hmisvc-tools")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "HMI access to system services over binder - development files
 The headers of libhmisvc (the service proxies, records, broadcasts, the media
 player and the binder layer's C interface), a CMake package

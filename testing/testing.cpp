@@ -13,7 +13,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <sstream>
 
@@ -84,11 +83,15 @@ int run(const std::vector<std::string> &argv, std::string &out, std::string &err
 }
 
 // The service manager and simulator the test program started, stopped
-// when it ends.
+// when it ends: the program, not a process it forked that calls exit() (a
+// death test, a helper), whose exit runs this too.
 struct Started {
     std::vector<pid_t> pids;
+    pid_t owner = getpid();
     ~Started()
     {
+        if (getpid() != owner)
+            return;
         for (auto p = pids.rbegin(); p != pids.rend(); ++p) {
             kill(*p, SIGTERM);
             waitpid(*p, nullptr, 0);
@@ -128,15 +131,64 @@ void start_simulator(const std::string &hmisvc)
     throw Refused("the simulator did not come up");
 }
 
-// A document written for a request, removed after it.
+// A document written for a request into a directory of its own (mode
+// 0700, an unguessable name, under $TMPDIR or /tmp), removed after it; a
+// path is used as it is.
 struct Written {
-    std::string path;
+    std::string dir, path;
+    Written(const std::string &document_or_path, const char *name);
     ~Written()
     {
         if (!path.empty())
             unlink(path.c_str());
+        if (!dir.empty())
+            rmdir(dir.c_str());
     }
+    Written(const Written &) = delete;
+    Written &operator=(const Written &) = delete;
 };
+
+Written::Written(const std::string &document_or_path, const char *name)
+{
+    std::size_t first = document_or_path.find_first_not_of(" \t\r\n");
+    if (first == std::string::npos || (document_or_path[first] != '{' && document_or_path[first] != '[')) {
+        path = document_or_path;
+        return;
+    }
+    auto refuse = [&](const std::string &what) {
+        std::string message = "cannot write the " + std::string(name) + " document: " + what + ": " +
+                              std::strerror(errno);
+        if (!dir.empty())
+            rmdir(dir.c_str());
+        ADD_FAILURE() << message;
+        throw Refused(message);
+    };
+    std::string tmp = from_env("TMPDIR", "/tmp") + "/hmisvc-testing.XXXXXX";
+    if (!mkdtemp(tmp.data()))
+        refuse(tmp);
+    dir = tmp;
+    std::string file = dir + "/" + name + ".XXXXXX.json";
+    int fd = mkstemps(file.data(), 5);
+    if (fd < 0)
+        refuse(file);
+    const std::string written = file;
+    for (std::size_t done = 0; done < document_or_path.size();) {
+        ssize_t n = write(fd, document_or_path.data() + done, document_or_path.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0) {
+            close(fd);
+            unlink(written.c_str());
+            refuse(written);
+        }
+        done += n;
+    }
+    if (close(fd) != 0) {
+        unlink(written.c_str());
+        refuse(written);
+    }
+    path = written;
+}
 
 }  // namespace
 
@@ -157,24 +209,12 @@ Device::Result Device::sim(std::vector<std::string> args, std::vector<int> allow
     throw Refused(message);
 }
 
-std::string Device::file(const std::string &document_or_path, const char *name)
-{
-    std::size_t first = document_or_path.find_first_not_of(" \t\r\n");
-    if (first == std::string::npos || (document_or_path[first] != '{' && document_or_path[first] != '['))
-        return document_or_path;
-    std::string path = (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + std::string("/hmisvc-testing.") +
-                       std::to_string(getpid()) + "." + name;
-    std::ofstream(path) << document_or_path;
-    return path;
-}
-
 void Device::set(const std::string &key, const std::string &json) { sim({"set", key, json}); }
 
 void Device::load(const std::string &document_or_path)
 {
-    std::string path = file(document_or_path, "state.json");
-    Written gone{path != document_or_path ? path : ""};
-    sim({"load", path});
+    Written document(document_or_path, "state");
+    sim({"load", document.path});
 }
 
 void Device::fail(const std::string &service, int calls, int status, int delay_ms)
@@ -239,9 +279,8 @@ void Device::reset()
 
 bool Device::play(const std::string &scenario_or_path)
 {
-    std::string path = file(scenario_or_path, "scenario.json");
-    Written gone{path != scenario_or_path ? path : ""};
-    Result r = sim({"play", path}, {0, 1});
+    Written document(scenario_or_path, "scenario");
+    Result r = sim({"play", document.path}, {0, 1});
     if (r.status == 1)
         ADD_FAILURE() << "scenario not met:\n" << r.out << r.err;
     return r.status == 0;

@@ -54,13 +54,9 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "bench: cannot start the service manager\n");
         return 2;
     }
-    peer::Child devsim([](int ready_fd) {
-        dup2(ready_fd, STDOUT_FILENO);  // its "ready" line is the signal
-        execl(HMISVC_DEVSIM, HMISVC_DEVSIM, "--services", "system", static_cast<char *>(nullptr));
-        return 127;
-    });
+    auto devsim = peer::start_program({HMISVC_DEVSIM, "--services", "system"});
     SystemManager proxy;
-    const int type = devsim.ready() ? proxy.GetDeviceType() : 0;
+    const int type = devsim->ready() ? proxy.GetDeviceType() : 0;
     if (type == 0) {
         std::fprintf(stderr, "bench: the simulator's \"system\" service is not reachable\n");
         return 2;

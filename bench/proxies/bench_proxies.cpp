@@ -51,15 +51,11 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "bench: cannot start the service manager\n");
         return 2;
     }
-    peer::Child devsim([](int ready_fd) {
-        dup2(ready_fd, STDOUT_FILENO);  // its "ready" line is the signal
-        execl(HMISVC_DEVSIM, HMISVC_DEVSIM, "--services", "system", static_cast<char *>(nullptr));
-        return 127;
-    });
+    auto devsim = peer::start_program({HMISVC_DEVSIM, "--services", "system"});
     SystemManager proxy;
     hmisvc::Service<SystemManager> supervised;
     RawClient raw;
-    const uint32_t handle = devsim.ready() && raw.open(SystemManager::MAP_SIZE) ? raw.lookup("system") : 0;
+    const uint32_t handle = devsim->ready() && raw.open(SystemManager::MAP_SIZE) ? raw.lookup("system") : 0;
     if (handle == 0 || !supervised.connect(1s)) {
         std::fprintf(stderr, "bench: the simulator's \"system\" service is not reachable\n");
         peer::stop_service_manager();

@@ -23,7 +23,7 @@ import tempfile
 import pytest
 
 from .app import App, die_with_parent
-from .device import Device, HmisvcError, format_calls
+from .device import Device, HmisvcError, PrivateDir, format_calls
 
 __all__ = ["App", "Device", "HmisvcError"]
 
@@ -76,7 +76,8 @@ class _Session:
         self.hmisvc = _program("HMISVC_CLI", "hmisvc")
         beside = os.path.dirname(os.path.realpath(self.hmisvc))
         self.processes = []
-        self.files = tempfile.TemporaryDirectory(prefix="hmisvc-session.")
+        self.owner = os.getpid()
+        self.files = PrivateDir("hmisvc-session.")
         self.panel = None
         atexit.register(self.stop)
         if subprocess.run([self.hmisvc, "check", _CONTROL], capture_output=True).returncode == 0:
@@ -132,12 +133,16 @@ class _Session:
         raise pytest.UsageError(f"hmisvc: the simulator did not come up: {said.strip()}")
 
     def stop(self):
+        # A process pytest forked (a helper whose exit runs the exit
+        # handlers) stops nothing of the session's.
+        if os.getpid() != self.owner:
+            return
         for p in reversed(self.processes):
             if p.poll() is None:
                 p.terminate()
                 p.wait()
         self.processes = []
-        self.files.cleanup()
+        self.files.close()
 
 
 @pytest.fixture(scope="session")

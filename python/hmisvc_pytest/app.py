@@ -1,19 +1,25 @@
-"""The application under test: started, its output read as it comes, stopped."""
+"""The application under test: started under a supervising process, its
+output read as it comes, stopped with everything it started."""
 import atexit
 import os
 import re
+import select
 import signal
 import subprocess
+import sys
 import threading
 import time
 import tty
 
 # How long a stopped application has after SIGTERM before SIGKILL.
 STOP_GRACE = 5.0
+_SUPERVISE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "supervise.py")
 # Every application still running, stopped when this process exits however
-# the session ended (an interrupted test may not get to its teardown).
+# the session ended (an interrupted test may not get to its teardown); a
+# process it forked stops none of them on its way out.
 _running = set()
-atexit.register(lambda: [app.stop() for app in list(_running)])
+_owner = os.getpid()
+atexit.register(lambda: os.getpid() == _owner and [app.stop() for app in list(_running)])
 
 
 def die_with_parent():
@@ -38,27 +44,45 @@ def _output_channel():
 
 
 class App:
-    """One started process. Its standard output and error are kept whole, each
-    line with the time it came, for `expect` and for the failure report."""
+    """One started process, under a supervisor of its own (supervise.py: a
+    child subreaper with a parent-death signal) that kills every process it
+    started when the App stops or this process dies, those that called setsid
+    included. Its standard output and error are kept whole, each line with
+    the time it came, for `expect` and for the failure report."""
 
     def __init__(self, command, env=None, cwd=None):
         self.command = command
         self._lock = threading.Condition()
         self._lines = []  # (seconds since start, stream, text)
-        self._text = ""   # both streams as they came, for expect
-        self._pos = 0     # where the next expect looks from
-        self._open = 0    # streams still being read
+        # Both streams as they came, for expect: whole lines, then the unfinished one.
+        self._whole, self._tail = [], ""
+        self._pos = (0, 0)  # (line, offset) where the next expect looks from
+        self._open = 0      # streams still being read
+        self._idle = False  # the last read emptied its stream
+        self._owner = os.getpid()
+        self._status = None
         self.started = time.monotonic()
+        argv = ["/bin/sh", "-c", command] if isinstance(command, str) else list(map(os.fspath, command))
         channels = {name: _output_channel() for name in ("out", "err")}
+        reports, reports_w = os.pipe()
         try:
             self.process = subprocess.Popen(
-                command, shell=isinstance(command, str), env=env, cwd=cwd, stdin=subprocess.PIPE,
-                stdout=channels["out"][1], stderr=channels["err"][1], start_new_session=True,
-                preexec_fn=die_with_parent)
+                [sys.executable, "-I", "-S", _SUPERVISE, str(os.getpid()), str(reports_w), "--", *argv],
+                env=env, cwd=cwd, stdin=subprocess.PIPE, stdout=channels["out"][1],
+                stderr=channels["err"][1], pass_fds=(reports_w,), start_new_session=True)
+        except BaseException:
+            os.close(reports)
+            raise
         finally:
             for _, write_end in channels.values():
                 os.close(write_end)
-        self.pid = self.process.pid
+            os.close(reports_w)
+        self._reports = os.fdopen(reports, "rb", buffering=0)
+        line = self._reports.readline()
+        if not line:
+            self.process.wait()
+            raise RuntimeError(f"{command!r} could not be started (its supervisor ended)")
+        self.pid = int(line)
         _running.add(self)
         self._readers = [threading.Thread(target=self._read, args=(name, read_end), daemon=True)
                          for name, (read_end, _) in channels.items()]
@@ -76,10 +100,12 @@ class App:
             now = time.monotonic() - self.started
             text = data.decode("utf-8", "backslashreplace")
             with self._lock:
-                self._text += text
+                *whole, self._tail = (self._tail + text).split("\n")
+                self._whole.extend(whole)
                 partial += text
                 *whole, partial = partial.split("\n")
                 self._lines.extend((now, stream, line) for line in whole)
+                self._idle = len(data) < 65536
                 if not data:
                     if partial:
                         self._lines.append((now, stream, partial))
@@ -90,22 +116,39 @@ class App:
                 return
 
     def expect(self, pattern, timeout=5.0):
-        """Waits for PATTERN (a regular expression) in the output after the last
-        match; the match. An AssertionError with the whole output at the timeout,
-        or when the application ended without printing it."""
+        """Waits for PATTERN (a regular expression, matched within one line at a
+        time) in the output after the last match; the match. An AssertionError
+        with the whole output at the timeout, or when the application ended
+        without printing it.
+
+        Each line is searched once, when it is whole; the unfinished last one
+        when the application paused, or once it has doubled since it was last
+        searched: the wait is linear in the output's lines."""
         regex = re.compile(pattern)
         deadline = time.monotonic() + timeout
         with self._lock:
+            line, offset = self._pos
+            unfinished = 0
             while True:
-                m = regex.search(self._text, self._pos)
-                if m:
-                    self._pos = m.end()
-                    return m
+                for line in range(line, len(self._whole)):
+                    m = regex.search(self._whole[line], offset)
+                    if m:
+                        self._pos = (line, m.end())
+                        return m
+                    offset, unfinished = 0, 0
+                line = len(self._whole)
+                tail = len(self._tail)
+                if tail > unfinished and (self._idle or self._open == 0 or tail >= 2 * unfinished):
+                    unfinished = tail
+                    m = regex.search(self._tail, offset)
+                    if m:
+                        self._pos = (line, m.end())
+                        return m
                 left = deadline - time.monotonic()
                 if self._open == 0 or left <= 0:
                     break
                 self._lock.wait(left)
-        ended = self.process.poll()
+        ended = self.poll()
         why = f"it ended with status {ended}" if ended is not None else f"not within {timeout} s"
         raise AssertionError(f"{self.describe()} did not print /{pattern}/ ({why}); it printed:\n{self.output()}")
 
@@ -121,27 +164,45 @@ class App:
         return "\n".join(f"  {t:8.3f} {s} | {text}" for t, s, text in lines) or "  (nothing)"
 
     def describe(self):
-        shown = self.command if isinstance(self.command, str) else " ".join(self.command)
+        shown = self.command if isinstance(self.command, str) else " ".join(map(str, self.command))
         return f"{shown!r} (pid {self.pid})"
+
+    def _await(self, timeout):
+        """Its status once its supervisor reported it, waiting up to TIMEOUT
+        seconds (None: for ever); None before."""
+        if self._status is None and self._reports is not None:
+            if select.select([self._reports], [], [], timeout)[0]:
+                line = self._reports.readline()
+                self._status = int(line) if line.strip() else None
+        return self._status
+
+    def poll(self):
+        """Its exit status once it ended, else None."""
+        return self._await(0)
 
     def wait(self, timeout=None):
         """Its exit status once it ends (128+N for signal N)."""
-        status = self.process.wait(timeout)
-        return 128 - status if status < 0 else status
+        status = self._await(timeout)
+        if status is None:
+            raise subprocess.TimeoutExpired(self.command, timeout)
+        return status
 
     def stop(self):
-        """Ends it (SIGTERM, then SIGKILL after STOP_GRACE seconds), and anything it
-        started in its session; its exit status."""
-        if self.process.poll() is None:
+        """Ends it (SIGTERM to its session, then SIGKILL to everything it started
+        after STOP_GRACE seconds) and anything it started; its exit status. In a
+        process this one forked, it does nothing."""
+        if os.getpid() != self._owner or self._reports is None:
+            return self._status
+        if self.poll() is None:
+            # Unreaped until the supervisor ends: its pid and group are its own.
             self._signal(signal.SIGTERM)
-            try:
-                self.process.wait(STOP_GRACE)
-            except subprocess.TimeoutExpired:
-                self._signal(signal.SIGKILL)
-        status = self.wait()
+            self._await(STOP_GRACE)
+        self.process.terminate()
+        self._await(None)
+        self.process.wait()
+        self._reports.close()
+        self._reports = None
         _running.discard(self)
-        # Children that outlived it keep its output open.
-        self._signal(signal.SIGKILL)
         if self.process.stdin:
             try:
                 self.process.stdin.close()
@@ -149,10 +210,11 @@ class App:
                 pass
         for reader in self._readers:
             reader.join(STOP_GRACE)
-        return status
+        return self._status
 
     def _signal(self, sig):
-        try:
-            os.killpg(self.pid, sig)
-        except OSError:
-            pass
+        for kill, target in ((os.killpg, self.pid), (os.kill, self.pid)):
+            try:
+                kill(target, sig)
+            except OSError:
+                pass

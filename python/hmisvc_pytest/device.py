@@ -1,7 +1,9 @@
 """The simulated device, steered through the `hmisvc sim` commands."""
+import contextlib
 import json
 import os
 import re
+import shutil
 import subprocess
 import tempfile
 import urllib.error
@@ -30,6 +32,27 @@ def _json(value):
     return json.dumps(value, ensure_ascii=False)
 
 
+class PrivateDir:
+    """A directory of this process's own (mkdtemp: mode 0700, an unguessable
+    name), removed by close() in this process only: a forked helper's exit
+    handlers leave it to its owner, as a TemporaryDirectory's would not."""
+
+    def __init__(self, prefix):
+        self.name = tempfile.mkdtemp(prefix=prefix)
+        self._owner = os.getpid()
+
+    def write(self, text, name):
+        """TEXT in a new file of its own here (mkstemp); its path."""
+        fd, path = tempfile.mkstemp(prefix=name + ".", suffix=".json", dir=self.name)
+        with open(fd, "w", encoding="utf-8", errors="surrogateescape") as f:
+            f.write(text)
+        return path
+
+    def close(self):
+        if os.getpid() == self._owner:
+            shutil.rmtree(self.name, ignore_errors=True)
+
+
 class Device:
     """The running simulator: set its state, script its answers, read its call log."""
 
@@ -38,10 +61,10 @@ class Device:
         # The simulator's panel ({"url", "port", "token"}, as --http-info
         # writes it): its routes answer without a program started per request.
         self.panel = panel
-        self._files = tempfile.TemporaryDirectory(prefix="hmisvc-pytest.")
+        self._files = PrivateDir("hmisvc-pytest.")
 
     def close(self):
-        self._files.cleanup()
+        self._files.close()
 
     def _sim(self, *args, allow=(0,)):
         """Runs `hmisvc sim ARGS`; its standard output, or the test fails."""
@@ -84,16 +107,20 @@ class Device:
             return self._sim(verb, *cli_args, allow=allow)
         return self._request(verb, body)[1]
 
+    @contextlib.contextmanager
     def _file(self, document_or_path, name):
-        """A path as it is; a document (a dict, a list or a JSON text) written to a file."""
+        """A path as it is; a document (a dict, a list or a JSON text) written to a
+        private file for the while."""
         if isinstance(document_or_path, os.PathLike) or (
                 isinstance(document_or_path, str) and not document_or_path.lstrip().startswith(("{", "["))):
-            return os.fspath(document_or_path)
+            yield os.fspath(document_or_path)
+            return
         text = document_or_path if isinstance(document_or_path, str) else _json(document_or_path)
-        path = os.path.join(self._files.name, name)
-        with open(path, "w", encoding="utf-8", errors="surrogateescape") as f:
-            f.write(text)
-        return path
+        path = self._files.write(text, name)
+        try:
+            yield path
+        finally:
+            os.unlink(path)
 
     # State and faults.
     def set(self, key, value):
@@ -102,12 +129,13 @@ class Device:
 
     def load(self, document_or_path):
         """A whole or partial state document (a dict, a JSON text or a file's path)."""
-        path = self._file(document_or_path, "state.json")
-        if not self.panel:
-            self._sim("load", path)
-            return
-        with open(path, encoding="utf-8", errors="surrogateescape") as f:
-            self._steer("load", {"state": f.read()})
+        with self._file(document_or_path, "state") as path:
+            if not self.panel:
+                self._sim("load", path)
+                return
+            with open(path, encoding="utf-8", errors="surrogateescape") as f:
+                text = f.read()
+        self._steer("load", {"state": text})
 
     def fail(self, service, calls=None, status=None, delay_ms=None):
         """The service's next calls fail (all until healed unless `calls`); with `status`
@@ -166,19 +194,20 @@ class Device:
 
     def play(self, scenario_or_path):
         """Runs a scenario in the simulator; an AssertionError lists the unmet expectations."""
-        path = self._file(scenario_or_path, "scenario.json")
+        with self._file(scenario_or_path, "scenario") as path:
+            if self.panel:
+                with open(path, encoding="utf-8", errors="surrogateescape") as f:
+                    try:
+                        scenario = json.load(f)
+                    except ValueError as e:
+                        pytest.fail(f"hmisvc sim play: {path}: not JSON: {e}", pytrace=False)
+            else:
+                r = self._sim("play", path, allow=(0, 1))
+                report = (r.stdout + r.stderr).strip() if r.returncode == 1 else None
         if self.panel:
-            with open(path, encoding="utf-8", errors="surrogateescape") as f:
-                try:
-                    scenario = json.load(f)
-                except ValueError as e:
-                    pytest.fail(f"hmisvc sim play: {path}: not JSON: {e}", pytrace=False)
             # Held as long as the scenario lasts.
             status, answer = self._request("play", {"scenario": scenario}, allow=(200, 409), timeout=None)
             report = answer.get("error", "") if status == 409 else None
-        else:
-            r = self._sim("play", path, allow=(0, 1))
-            report = (r.stdout + r.stderr).strip() if r.returncode == 1 else None
         if report is not None:
             raise AssertionError("scenario not met:\n" + report)
 

@@ -2,10 +2,15 @@
 wrong names fail at once with the simulator's nearest names, each test gets a
 clean device, and the application fixture reads, feeds and stops what it
 started, showing its output and the calls in a failing test's report."""
+import atexit
 import json
 import os
 import re
+import signal
+import subprocess
+import sys
 import textwrap
+import time
 
 import pytest
 
@@ -176,3 +181,59 @@ def test_interrupted_session_leaves_no_process(pytester, tmp_path):
     assert result.ret == pytest.ExitCode.INTERRUPTED
     for pid in map(int, pids.read_text().split()):
         assert not alive(pid), f"process {pid} outlived the interrupted session"
+
+
+# An application whose child leaves its session, printing both pids once it has.
+ESCAPING = "setsid sh -c 'echo pids $PPID $$; exec sleep 600' & wait"
+
+
+def ends(pid, bound=60.0):
+    """Waits for the pid's end; the bound is a failsafe."""
+    deadline = time.monotonic() + bound
+    while alive(pid) and time.monotonic() < deadline:
+        time.sleep(0.01)
+    return not alive(pid)
+
+
+def test_stop_ends_what_left_the_session(hmisvc_app):
+    app = hmisvc_app(ESCAPING)
+    pids = [int(p) for p in app.expect(r"pids (\d+) (\d+)").groups()]
+    app.stop()
+    assert [pid for pid in pids if alive(pid)] == []
+
+
+@pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGKILL], ids=["SIGTERM", "SIGKILL"])
+def test_killed_session_leaves_no_process(pytester, tmp_path, sig):
+    pids = tmp_path / "pids"
+    pytester.makepyfile(test_inner=textwrap.dedent(f"""
+        import os, time
+        def test_killed(hmisvc_app):
+            m = hmisvc_app({ESCAPING!r}).expect(r"pids (\\d+) (\\d+)")
+            with open({str(pids)!r} + ".partial", "w") as f:
+                f.write(" ".join(m.groups()))
+            os.rename({str(pids)!r} + ".partial", {str(pids)!r})
+            time.sleep(600)
+    """))
+    session = subprocess.Popen([sys.executable, "-m", "pytest", "-p", "hmisvc_pytest", "-p", "no:cacheprovider"],
+                               cwd=pytester.path, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    deadline = time.monotonic() + 120
+    while not pids.exists() and session.poll() is None and time.monotonic() < deadline:
+        time.sleep(0.01)
+    session.send_signal(sig)
+    session.wait()
+    for pid in map(int, pids.read_text().split()):
+        assert ends(pid), f"process {pid} outlived the killed session"
+
+
+def test_forked_helpers_exit_stops_nothing(hmisvc_device, hmisvc_app):
+    app = hmisvc_app("echo started; exec sleep 600")
+    app.expect("started")
+    helper = os.fork()
+    if helper == 0:
+        atexit._run_exitfuncs()  # what its exit would run
+        os._exit(0)
+    os.waitpid(helper, 0)
+    assert alive(app.pid)
+    assert subprocess.run([HMISVC, "check", "devsim.control"], capture_output=True).returncode == 0
+    hmisvc_device.load({"backlight": {"brightness": 8}})
+    assert hmisvc_device.state()["backlight"]["brightness"] == 8

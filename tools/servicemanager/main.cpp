@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
@@ -24,6 +25,13 @@ namespace {
 std::string default_names_file()
 {
     std::string dir = "/dev/shm/hmisvc-servicemanager-" + std::to_string(geteuid());
+    // A userspace driver's names end with it: they are kept in its own
+    // private directory, so that sessions on one host never read each other's.
+    if (const char *socket = std::getenv("HMISVC_BINDER_SOCKET"); socket && *socket) {
+        std::string path = socket;
+        size_t slash = path.rfind('/');
+        dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    }
     struct stat st{};
     if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
         std::fprintf(stderr, "hmisvc-servicemanager: cannot make %s (%s); names are not kept across a restart\n",
@@ -53,7 +61,8 @@ int main(int argc, char **argv)
     std::string names_file;
     app.add_option("--names", names_file,
                    "Keep the published names in FILE across a restart (default: "
-                   "/dev/shm/hmisvc-servicemanager-EUID/names; 'none': not kept)");
+                   "/dev/shm/hmisvc-servicemanager-EUID/names, or on a userspace driver names "
+                   "in its socket's directory; 'none': not kept)");
     CLI11_PARSE(app, argc, argv);
 
     binder_connection *bs = binder_open(map_size);

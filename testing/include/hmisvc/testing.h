@@ -84,14 +84,17 @@ private:
     // `hmisvc sim ARGS...`; statuses in `allowed` are returned, 2 fails the
     // test (Refused), any other throws Refused.
     Result sim(std::vector<std::string> args, std::vector<int> allowed = {0});
-    std::string file(const std::string &document_or_path, const char *name);
 
     std::string hmisvc_;
 };
 
 // The application under test: started with its standard output and error on
 // one pipe, read as it prints (each line with its time, kept whole for the
-// failure message); its whole process group is stopped when the App ends.
+// failure message). A small supervising process of its own (a child
+// subreaper, with a parent-death signal on the thread that made the App)
+// starts it in a process group of its own and, when the App stops or the
+// test program dies however it died, kills every process it started, those
+// that called setsid included. Make and end an App in the same thread.
 class App {
 public:
     explicit App(const std::vector<std::string> &argv);
@@ -99,31 +102,35 @@ public:
     App(const App &) = delete;
     App &operator=(const App &) = delete;
 
-    // Waits for PATTERN (an ECMAScript regular expression) in what it printed
-    // after the last match: true; at the timeout, or when it ended without
-    // printing it, a test failure with all it printed, and false.
+    // Waits for PATTERN (an RE2 regular expression, matched within one line
+    // at a time, in time linear in the output) in what it printed after the
+    // last match: true; at the timeout, or when it ended without printing
+    // it, a test failure with all it printed, and false.
     bool expect(const std::string &pattern, double timeout_seconds = 5.0);
     // Writes TEXT to its standard input.
     void send(const std::string &text);
     // Everything printed so far, one line each with its time.
     std::string output();
-    // Ends it (SIGTERM, SIGKILL 5 s later) and its group; its exit status (128+N for signal N).
+    // Ends it (SIGTERM to its group, 5 s later SIGKILL to every process it
+    // started) and all it started; its exit status (128+N for signal N).
+    // In a process the test program forked, it does nothing.
     int stop();
     pid_t pid() const { return pid_; }
 
 private:
     void read_output(int fd);
+    bool await_status(int timeout_ms);
 
     std::string command_;
-    pid_t pid_ = -1;
-    int input_ = -1;
+    pid_t owner_ = -1, supervisor_ = -1, pid_ = -1;
+    int input_ = -1, reports_ = -1;
     int status_ = -1;
     std::chrono::steady_clock::time_point started_;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::string text_, timed_;
     std::size_t pos_ = 0;
-    bool open_ = true;
+    bool open_ = true, idle_ = false;
     std::thread reader_;
 };
 
