@@ -85,8 +85,11 @@ int main(int argc, char **argv)
     if (argc == 3 && std::strcmp(argv[1], hmisvc::devsim::kServiceProcessOption) == 0) {
         std::string arg = argv[2];
         std::size_t comma = arg.rfind(',');
-        if (comma == std::string::npos)
+        if (comma == std::string::npos) {
+            std::fprintf(stderr, "hmisvc-devsim: %s NAME,FD is how the simulator starts a service's process\n",
+                         argv[1]);
             return 2;
+        }
         return hmisvc::devsim::run_service_process(arg.substr(0, comma), std::atoi(arg.c_str() + comma + 1));
     }
     CLI::App app{"Simulates the device's system services over the binder driver."};
