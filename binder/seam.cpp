@@ -139,6 +139,51 @@ bool wait_for(int fd, short event, Io io)
     }
 }
 
+// Sends one request, in a memory file when it is too large for a packet.
+bool send_request(int fd, msghdr &msg)
+{
+    size_t total = 0;
+    for (size_t i = 0; i < msg.msg_iovlen; ++i)
+        total += msg.msg_iov[i].iov_len;
+    if (total <= seam::kMaxPacket)
+        return wait_for(fd, POLLOUT, [&] { return sendmsg(fd, &msg, MSG_NOSIGNAL); });
+    if (total > seam::kMaxRequest) {
+        errno = EMSGSIZE;
+        return false;
+    }
+    const int memfd = memfd_create("binder-request", MFD_CLOEXEC);
+    if (memfd < 0)
+        return false;
+    off_t at = 0;
+    for (size_t i = 0; i < msg.msg_iovlen; ++i)
+        for (size_t done = 0; done < msg.msg_iov[i].iov_len;) {
+            const ssize_t n = pwrite(memfd, static_cast<char *>(msg.msg_iov[i].iov_base) + done,
+                                     msg.msg_iov[i].iov_len - done, at);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0) {
+                const int error = errno;
+                close(memfd);
+                errno = error;
+                return false;
+            }
+            done += static_cast<size_t>(n);
+            at += n;
+        }
+    seam::Request head{seam::kLarge, 0, total};
+    iovec iov{&head, sizeof head};
+    msghdr large{};
+    large.msg_iov = &iov;
+    large.msg_iovlen = 1;
+    seam::PassedFd room;
+    seam::pass_fd(large, room, memfd);
+    const bool sent = wait_for(fd, POLLOUT, [&] { return sendmsg(fd, &large, MSG_NOSIGNAL); });
+    const int error = errno;
+    close(memfd);
+    errno = error;
+    return sent;
+}
+
 // One request and its answer. -1 with errno when the driver cannot be
 // reached or refuses.
 int exchange(int fd, const Pieces &out, Landing &in)
@@ -146,7 +191,7 @@ int exchange(int fd, const Pieces &out, Landing &in)
     msghdr msg{};
     msg.msg_iov = const_cast<iovec *>(out.iov);
     msg.msg_iovlen = static_cast<size_t>(out.count);
-    if (!wait_for(fd, POLLOUT, [&] { return sendmsg(fd, &msg, MSG_NOSIGNAL); }))
+    if (!send_request(fd, msg))
         return -1;
     iovec iov[3] = {{&in.head, sizeof in.head}, {in.arg, in.arg_size}, {in.read, in.read_room}};
     msg = msghdr{};
@@ -156,7 +201,13 @@ int exchange(int fd, const Pieces &out, Landing &in)
     msg.msg_control = control;
     msg.msg_controllen = sizeof control;
     ssize_t got = -1;
-    wait_for(fd, POLLIN, [&] { return got = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC); });
+    // Wake-ups sent for poll() before this answer are no answer.
+    do
+        wait_for(fd, POLLIN, [&] {
+            msg.msg_controllen = sizeof control;
+            return got = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC);
+        });
+    while (got == static_cast<ssize_t>(sizeof in.head) && in.head.error == seam::kWakeUp);
     if (got < static_cast<ssize_t>(sizeof in.head)) {
         if (got >= 0)
             errno = ECONNRESET;
@@ -209,6 +260,37 @@ bool never_fails(uint32_t cmd)
     }
 }
 
+// Whether a write without a read holds only commands about the process's
+// references and buffers, not the calling thread: a thread that has no
+// connection of its own sends such a write on the process's, so that
+// dropping a proxy or a buffer from any thread costs no descriptor.
+bool thread_agnostic(const binder_write_read &bwr)
+{
+    if (bwr.read_size > bwr.read_consumed || bwr.write_size <= bwr.write_consumed)
+        return false;
+    const auto *cmds = native_ptr<const unsigned char>(bwr.write_buffer) + bwr.write_consumed;
+    const size_t n = static_cast<size_t>(bwr.write_size - bwr.write_consumed);
+    for (size_t pos = 0; pos < n;) {
+        if (pos + sizeof(uint32_t) > n)
+            return false;
+        const auto cmd = read_at<uint32_t>(cmds + pos);
+        switch (cmd) {
+        case BC_FREE_BUFFER:
+        case BC_ACQUIRE:
+        case BC_RELEASE:
+        case _IOW('c', 4, uint32_t):          // BC_INCREFS
+        case _IOW('c', 7, uint32_t):          // BC_DECREFS
+        case _IOW('c', 8, binder_ptr_cookie): // BC_INCREFS_DONE
+        case _IOW('c', 9, binder_ptr_cookie): // BC_ACQUIRE_DONE
+            break;
+        default:
+            return false;
+        }
+        pos += sizeof cmd + _IOC_SIZE(cmd);
+    }
+    return true;
+}
+
 // The unconsumed commands of a write, and after them the data and offsets
 // of each transaction among them. False when there are too many. `posted`
 // tells whether the write cannot fail (see kPosted).
@@ -242,7 +324,7 @@ bool add_writes(Pieces &out, const binder_write_read &bwr, bool *posted)
 
 // The calling thread's connection to the process `fd` opened; -1 when `fd`
 // is no userspace driver's connection.
-int thread_connection(int fd, bool *userspace)
+int thread_connection(int fd, bool *userspace, bool borrow)
 {
     uint64_t generation, token;
     *userspace = false;
@@ -267,6 +349,8 @@ int thread_connection(int fd, bool *userspace)
     for (const auto &e : entries)
         if (e.session == fd)
             return e.fd;
+    if (borrow)
+        return fd;
     const char *path = std::getenv(seam::kSocketEnv);
     const int own = path ? connect_driver(path) : -1;
     Landing in;
@@ -343,7 +427,8 @@ void *seam_map(int fd, size_t size)
 int seam_ioctl(int fd, unsigned long code, void *arg)
 {
     bool userspace = false;
-    const int own = thread_connection(fd, &userspace);
+    const int own = thread_connection(
+        fd, &userspace, code == BINDER_WRITE_READ && arg && thread_agnostic(*static_cast<binder_write_read *>(arg)));
     if (!userspace)
         return ioctl(fd, code, arg);
     if (own < 0)
@@ -354,7 +439,10 @@ int seam_ioctl(int fd, unsigned long code, void *arg)
         return -1;
     }
     Pieces out;
-    out.head = {seam::kIoctl, static_cast<uint32_t>(code), 0};
+    // The file's flag on the device is every thread's: here the process's.
+    const int flags = fcntl(fd, F_GETFL);
+    out.head = {seam::kIoctl, static_cast<uint32_t>(code),
+                flags >= 0 && (flags & O_NONBLOCK) ? seam::kNonBlock : 0};
     out.add(&out.head, sizeof out.head);
     if ((_IOC_DIR(code) & _IOC_WRITE) && arg)
         out.add(arg, size);
@@ -365,11 +453,11 @@ int seam_ioctl(int fd, unsigned long code, void *arg)
         return -1;
     }
     if (posted && bwr->write_size > bwr->write_consumed) {
-        out.head.value = seam::kPosted;
+        out.head.value |= seam::kPosted;
         msghdr msg{};
         msg.msg_iov = out.iov;
         msg.msg_iovlen = static_cast<size_t>(out.count);
-        if (!wait_for(own, POLLOUT, [&] { return sendmsg(own, &msg, MSG_NOSIGNAL); }))
+        if (!send_request(own, msg))
             return -1;
         bwr->write_consumed = bwr->write_size;
         return 0;

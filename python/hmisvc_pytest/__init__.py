@@ -8,10 +8,13 @@ hmisvc_app: starts the application under test (see App); every process it
 started is stopped when the test ends.
 
 The service manager and the simulator are started once per session where
-/dev/binder can be used, or the one already serving is used. Where there is
-no binder driver, the whole session runs in one guest:
+a binder driver can be used, or the one already serving is used. Where there
+is no /dev/binder, hmisvc-run runs the session on a userspace driver:
 
     hmisvc-run python3 -m pytest tests/
+
+Each pytest-xdist worker (`-n 2`) there starts a session of its own, on a
+private hmisvc-binderd, so that workers never meet.
 """
 import atexit
 import json
@@ -80,13 +83,19 @@ class _Session:
         self.files = PrivateDir("hmisvc-session.")
         self.panel = None
         atexit.register(self.stop)
+        # A pytest-xdist worker without the kernel's driver gets a session of
+        # its own: a private userspace driver, service manager and simulator.
+        if os.environ.get("PYTEST_XDIST_WORKER") and (
+                os.environ.get("HMISVC_BINDER_SOCKET") or not os.access("/dev/binder", os.R_OK | os.W_OK)):
+            self._own_driver(_program("HMISVC_BINDERD", "hmisvc-binderd", beside))
         if subprocess.run([self.hmisvc, "check", _CONTROL], capture_output=True).returncode == 0:
             # Its panel, where the caller says where it is.
             if os.environ.get("HMISVC_PANEL_INFO"):
                 with open(os.environ["HMISVC_PANEL_INFO"]) as f:
                     self.panel = json.load(f)
             return
-        if not os.access("/dev/binder", os.R_OK | os.W_OK):
+        # A userspace driver (hmisvc-binderd) serves where its socket is named.
+        if not os.environ.get("HMISVC_BINDER_SOCKET") and not os.access("/dev/binder", os.R_OK | os.W_OK):
             raise pytest.UsageError(
                 "hmisvc: no simulator serves and /dev/binder cannot be used here; run the session "
                 "in a guest with the binder driver: hmisvc-run python3 -m pytest ...")
@@ -97,6 +106,15 @@ class _Session:
         p = subprocess.Popen(command, stdin=subprocess.DEVNULL, preexec_fn=die_with_parent, **kwargs)
         self.processes.append(p)
         return p
+
+    def _own_driver(self, binderd):
+        socket = os.path.join(self.files.name, "binder")
+        driver = self._spawn([binderd, "--socket", socket], stdout=subprocess.PIPE, text=True)
+        # It says the socket once it listens there.
+        if driver.stdout.readline().strip() != socket:
+            self.stop()
+            raise pytest.UsageError(f"hmisvc: {binderd} did not serve on {socket}")
+        os.environ["HMISVC_BINDER_SOCKET"] = socket
 
     def _start(self, servicemanager, devsim, config):
         self._spawn([servicemanager])

@@ -56,12 +56,26 @@ public:
     size_t processes() const override { return procs_.size(); }
 
 private:
-    void wake(Thread &t) override { read(t); }
+    void wake(Thread &t) override
+    {
+        read(t);
+        notify(t);
+    }
+    // Makes the connection of a polling thread with work readable.
+    void notify(Thread &t)
+    {
+        if (t.polls && !t.woken && !t.waiting && !t.dead && has_work(t)) {
+            t.woken = true;
+            const seam::Answer a{seam::kWakeUp, 0, 0};
+            send_packet(t.fd, &a, sizeof a);
+        }
+    }
+    void dispatch(int fd, const ucred &cred, const unsigned char *data, size_t size);
 
     void answer(int fd, int error, int result, uint64_t value = 0, const void *extra = nullptr,
                 size_t extra_size = 0, int pass_fd = -1);
     void open(int fd, const ucred &cred, uint64_t size);
-    void ioctl(Thread &t, uint32_t request, bool posted, Reader in);
+    void ioctl(Thread &t, uint32_t request, uint64_t how, Reader in);
     int write(Thread &t, Reader &in, P &consumed, P size);
     void read(Thread &t);
     void transact(Thread &t, const TxnData &d, const unsigned char *data,
@@ -89,6 +103,23 @@ void Engine<P>::answer(int fd, int error, int result, uint64_t value, const void
 
 template <typename P>
 void Engine<P>::packet(int fd, const ucred &cred, const unsigned char *data, size_t size)
+{
+    // A posted write may come from another thread of the process (see
+    // thread_agnostic in the seam): it answers no wake-up.
+    seam::Request req{};
+    std::memcpy(&req, data, std::min(size, sizeof req));
+    auto known = threads_.find(fd);
+    if (known != threads_.end() && !(req.op == seam::kIoctl && (req.value & seam::kPosted)))
+        known->second->woken = false;
+    dispatch(fd, cred, data, size);
+    // Work left after the answer keeps a polling connection readable.
+    known = threads_.find(fd);
+    if (known != threads_.end())
+        notify(*known->second);
+}
+
+template <typename P>
+void Engine<P>::dispatch(int fd, const ucred &cred, const unsigned char *data, size_t size)
 {
     Reader in{data, data + size};
     seam::Request req;
@@ -119,8 +150,8 @@ void Engine<P>::packet(int fd, const ucred &cred, const unsigned char *data, siz
         return answer(fd, 0, 0);
     case seam::kIoctl:
         if (!t)
-            return req.value == seam::kPosted ? hangup(fd) : answer(fd, EBADF, -1);
-        return ioctl(*t, req.request, req.value == seam::kPosted, in);
+            return req.value & seam::kPosted ? hangup(fd) : answer(fd, EBADF, -1);
+        return ioctl(*t, req.request, req.value, in);
     default:
         return answer(fd, EINVAL, -1);
     }
@@ -173,8 +204,11 @@ void Engine<P>::hangup(int fd)
 }
 
 template <typename P>
-void Engine<P>::ioctl(Thread &t, uint32_t request, bool posted, Reader in)
+void Engine<P>::ioctl(Thread &t, uint32_t request, uint64_t how, Reader in)
 {
+    const bool posted = how & seam::kPosted, nonblock = how & seam::kNonBlock;
+    if (nonblock)
+        t.polls = true;
     Proc &p = *t.proc;
     uint32_t word = 0;
     if (request == W::WRITE_READ) {
@@ -198,7 +232,12 @@ void Engine<P>::ioctl(Thread &t, uint32_t request, bool posted, Reader in)
         t.pending.assign(reinterpret_cast<unsigned char *>(&bwr),
                          reinterpret_cast<unsigned char *>(&bwr) + sizeof bwr);
         t.waiting = true;
-        return read(t);
+        read(t);
+        if (t.waiting && nonblock) {
+            t.waiting = false;
+            return answer(t.fd, EAGAIN, -1, 0, &bwr, sizeof bwr);
+        }
+        return;
     }
     if (request == W::VERSION) {
         const int32_t version = W::kVersion;
@@ -591,8 +630,7 @@ void Engine<P>::read(Thread &t)
     if (!t.waiting || t.dead)
         return;
     Proc &p = *t.proc;
-    const bool own = t.process_todo && !t.todo.empty();
-    if (!own && !(proc_work_for(t) && !p.todo.empty()))
+    if (!has_work(t))
         return; // nothing yet: the read waits
     WriteRead bwr = load<WriteRead>(t.pending.data());
     std::vector<unsigned char> out(bwr.read_size - bwr.read_consumed);

@@ -7,6 +7,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -29,11 +32,89 @@ std::string private_dir()
     return templ;
 }
 
+// The private directory and what the session left in it (the service
+// manager keeps its names beside the socket).
+void remove_private_dir(const std::string &dir)
+{
+    if (DIR *d = opendir(dir.c_str())) {
+        while (const dirent *e = readdir(d))
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
+                unlink((dir + "/" + e->d_name).c_str());
+        closedir(d);
+    }
+    rmdir(dir.c_str());
+}
+
+// The command's process, to whose processes an ending signal is passed on:
+// the session then ends and we end with it. A shell defers its traps while
+// it waits for a child, so each descendant gets it, not just the command.
+volatile sig_atomic_t command_pid = 0;
+
+// Appends `v` in decimal at `at`; the end.
+char *put_number(char *at, long v)
+{
+    char digits[24];
+    int n = 0;
+    do
+        digits[n++] = static_cast<char>('0' + v % 10);
+    while ((v /= 10) > 0);
+    while (n > 0)
+        *at++ = digits[--n];
+    return at;
+}
+
+char *put_text(char *at, const char *text)
+{
+    while (*text)
+        *at++ = *text++;
+    return at;
+}
+
+// Sends `sig` to `pid`'s descendants, then to `pid`: open, read and kill
+// only, as a signal handler may.
+void signal_tree(pid_t pid, int sig, int depth)
+{
+    char path[96];
+    char *at = put_text(path, "/proc/");
+    at = put_number(at, pid);
+    at = put_text(at, "/task/");
+    at = put_number(at, pid);
+    *put_text(at, "/children") = 0;
+    char list[512];
+    ssize_t got = 0;
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        got = read(fd, list, sizeof list - 1);
+        close(fd);
+    }
+    long child = 0;
+    for (ssize_t i = 0; depth < 16 && i < got; ++i) {
+        if (list[i] >= '0' && list[i] <= '9') {
+            child = child * 10 + (list[i] - '0');
+        } else if (child > 0) {
+            signal_tree(static_cast<pid_t>(child), sig, depth + 1);
+            child = 0;
+        }
+    }
+    kill(pid, sig);
+}
+
+void pass_on(int sig)
+{
+    if (command_pid > 0)
+        signal_tree(command_pid, sig, 0);
+}
+
 int run(const std::vector<std::string> &command, const std::string &socket)
 {
     setenv(hmisvc::binder::seam::kSocketEnv, socket.c_str(), 1);
+    const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
+        // Should we die however we die (SIGKILL included), the command hears.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent)
+            _exit(128 + SIGTERM);
         std::vector<char *> argv;
         for (const auto &arg : command)
             argv.push_back(const_cast<char *>(arg.c_str()));
@@ -99,7 +180,15 @@ int main(int argc, char **argv)
         std::fflush(stdout);
         binderd::serve(*driver, listener, -1);
     } else {
+        // Our caller's death (SIGKILL included) ends the command, and so us.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        struct sigaction sa{};
+        sa.sa_handler = pass_on;
+        sigemptyset(&sa.sa_mask);
+        for (const int sig : {SIGTERM, SIGINT, SIGHUP})
+            sigaction(sig, &sa, nullptr);
         const pid_t pid = run(command, socket);
+        command_pid = pid;
         const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
         if (pid < 0 || pidfd < 0) {
             std::fprintf(stderr, "hmisvc-binderd: cannot start the command (%s)\n",
@@ -114,6 +203,6 @@ int main(int argc, char **argv)
     }
     unlink(socket.c_str());
     if (!dir.empty())
-        rmdir(dir.c_str());
+        remove_private_dir(dir);
     return status;
 }

@@ -123,6 +123,11 @@ bool Model::proc_work_for(const Thread &t) const
     return !t.stack && t.todo.empty() && (t.looper & (kLooperRegistered | kLooperEntered));
 }
 
+bool Model::has_work(const Thread &t) const
+{
+    return (t.process_todo && !t.todo.empty()) || (proc_work_for(t) && !t.proc->todo.empty());
+}
+
 void Model::queue_thread(Thread &t, Work w, bool deferred)
 {
     if (t.dead)
@@ -137,8 +142,9 @@ void Model::queue_thread(Thread &t, Work w, bool deferred)
 void Model::queue_proc(Proc &p, Work w)
 {
     p.todo.push_back(std::move(w));
+    // A waiting reader takes it; threads that poll are told of it.
     for (auto &entry : p.threads)
-        if (entry.second->waiting && proc_work_for(*entry.second)) {
+        if ((entry.second->waiting || entry.second->polls) && proc_work_for(*entry.second)) {
             wake(*entry.second);
             if (p.todo.empty())
                 break;

@@ -93,6 +93,8 @@ struct Thread {
     bool dead = false;
     bool waiting = false;             // a read is pending; its answer not yet sent
     std::vector<unsigned char> pending; // the waiting read's write-read argument
+    bool polls = false; // reads non-blocking: made readable when it has work
+    bool woken = false; // a wake-up was sent since its last request
 };
 
 struct Proc {
@@ -133,6 +135,8 @@ protected:
     void put_ref(Proc &p, Ref &r, bool strong);
 
     bool proc_work_for(const Thread &t) const;
+    // Whether a read of `t` would return something now.
+    bool has_work(const Thread &t) const;
     void queue_thread(Thread &t, Work w, bool deferred = false);
     void queue_proc(Proc &p, Work w);
     void fail_reply(const std::shared_ptr<Txn> &t, uint32_t error);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <vector>
@@ -34,16 +35,9 @@ void send_packet(int fd, const void *data, size_t size, int pass_fd)
     msghdr msg{};
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-    if (pass_fd >= 0) {
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        cmsghdr *c = CMSG_FIRSTHDR(&msg);
-        c->cmsg_level = SOL_SOCKET;
-        c->cmsg_type = SCM_RIGHTS;
-        c->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(c), &pass_fd, sizeof pass_fd);
-    }
+    seam::PassedFd room;
+    if (pass_fd >= 0)
+        seam::pass_fd(msg, room, pass_fd);
     // A peer that went away is noticed as a hangup by the loop.
     while (sendmsg(fd, &msg, MSG_NOSIGNAL) < 0 && errno == EINTR) {
     }
@@ -124,7 +118,18 @@ void serve(Handler &driver, int listener, int stop_fd)
             auto peer = peers.find(fd);
             if (peer == peers.end())
                 continue; // closed by the driver earlier in this round
-            const ssize_t got = recv(fd, buf.data(), buf.size(), MSG_TRUNC);
+            iovec iov{buf.data(), buf.size()};
+            msghdr msg{};
+            msg.msg_iov = &iov;
+            msg.msg_iovlen = 1;
+            alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+            msg.msg_control = control;
+            msg.msg_controllen = sizeof control;
+            const ssize_t got = recvmsg(fd, &msg, MSG_TRUNC | MSG_CMSG_CLOEXEC);
+            const cmsghdr *c = got > 0 ? CMSG_FIRSTHDR(&msg) : nullptr;
+            int passed = -1;
+            if (c && c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_RIGHTS)
+                std::memcpy(&passed, CMSG_DATA(c), sizeof passed);
             if (got <= 0 && (got == 0 || (errno != EINTR && errno != EAGAIN))) {
                 epoll_ctl(ep, EPOLL_CTL_DEL, fd, nullptr);
                 driver.hangup(fd);
@@ -133,11 +138,41 @@ void serve(Handler &driver, int listener, int stop_fd)
             if (got <= 0)
                 continue;
             if (static_cast<size_t>(got) > buf.size()) {
+                if (passed >= 0)
+                    close(passed);
                 seam::Answer a{EMSGSIZE, -1, 0};
                 send_packet(fd, &a, sizeof a);
                 continue;
             }
-            driver.packet(fd, peer->second, buf.data(), static_cast<size_t>(got));
+            seam::Request head{};
+            std::memcpy(&head, buf.data(), std::min(sizeof head, static_cast<size_t>(got)));
+            if (head.op != seam::kLarge) {
+                if (passed >= 0)
+                    close(passed); // nothing else comes with a descriptor
+                driver.packet(fd, peer->second, buf.data(), static_cast<size_t>(got));
+                continue;
+            }
+            // A request too large for a packet: read whole from its memory
+            // file, and held no longer than it is served.
+            std::vector<unsigned char> large;
+            bool whole = passed >= 0 && head.value <= seam::kMaxRequest;
+            if (whole) {
+                large.resize(head.value);
+                for (size_t done = 0; whole && done < large.size();) {
+                    const ssize_t n = pread(passed, large.data() + done, large.size() - done,
+                                            static_cast<off_t>(done));
+                    whole = n > 0 || (n < 0 && errno == EINTR);
+                    done += n > 0 ? static_cast<size_t>(n) : 0;
+                }
+            }
+            if (passed >= 0)
+                close(passed);
+            if (!whole) {
+                seam::Answer a{passed >= 0 ? EMSGSIZE : EINVAL, -1, 0};
+                send_packet(fd, &a, sizeof a);
+                continue;
+            }
+            driver.packet(fd, peer->second, large.data(), large.size());
         }
     }
     close(ep);

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -86,6 +87,33 @@ struct Outcome {
     Words returns;              // what was read, BR_NOOP left out
 };
 
+// Appends the returns in `buf` (BR_NOOP left out) to `to` up to one that
+// ends a call (a reply or an error; for a one-way call its completion),
+// giving reply buffers back. Whether one did.
+bool take_returns(binder_connection *bs, const unsigned char *buf, binder_size_t size, Words &to,
+                  bool one_way = false)
+{
+    for (size_t pos = 0; pos + 4 <= size;) {
+        uint32_t cmd;
+        std::memcpy(&cmd, buf + pos, 4);
+        pos += 4;
+        if (cmd != BR_NOOP)
+            to.push_back(cmd);
+        if (cmd == BR_REPLY) {
+            binder_transaction_data t;
+            std::memcpy(&t, buf + pos, sizeof t);
+            Block free_it;
+            free_it.put(uint32_t{BC_FREE_BUFFER}).put(t.data.ptr.buffer);
+            binder_write(bs, free_it.bytes.data(), free_it.bytes.size());
+        }
+        pos += _IOC_SIZE(cmd);
+        if (cmd == BR_REPLY || cmd == BR_DEAD_REPLY || cmd == BR_FAILED_REPLY ||
+            (one_way && cmd == BR_TRANSACTION_COMPLETE))
+            return true;
+    }
+    return false;
+}
+
 // Writes `block` and reads until what ends it (a reply or an error; for a
 // one-way transaction its completion). Reply buffers are given back.
 Outcome outcome_of(binder_connection *bs, const Block &block, bool one_way = false)
@@ -105,24 +133,8 @@ Outcome outcome_of(binder_connection *bs, const Block &block, bool one_way = fal
             return out;
         }
         out.consumed = bwr.write_consumed;
-        for (size_t pos = 0; pos + 4 <= bwr.read_consumed;) {
-            uint32_t cmd;
-            std::memcpy(&cmd, buf + pos, 4);
-            pos += 4;
-            if (cmd != BR_NOOP)
-                out.returns.push_back(cmd);
-            if (cmd == BR_REPLY) {
-                binder_transaction_data t;
-                std::memcpy(&t, buf + pos, sizeof t);
-                Block free_it;
-                free_it.put(uint32_t{BC_FREE_BUFFER}).put(t.data.ptr.buffer);
-                binder_write(bs, free_it.bytes.data(), free_it.bytes.size());
-            }
-            pos += _IOC_SIZE(cmd);
-            if (cmd == BR_REPLY || cmd == BR_DEAD_REPLY || cmd == BR_FAILED_REPLY ||
-                (one_way && cmd == BR_TRANSACTION_COMPLETE))
-                return out;
-        }
+        if (take_returns(bs, buf, bwr.read_consumed, out.returns, one_way))
+            return out;
     }
     return out;
 }
@@ -239,6 +251,43 @@ TEST(DriverBufferLimit, ReceiversMappingBoundsWhatItIsSent)
         b.txn(BC_TRANSACTION, handle, peer::ECHO_ADD1, c.one_way ? TF_ONE_WAY : 0, payload(c.size));
         EXPECT_EQ(outcome_of(bs.get(), b, c.one_way).returns, c.returns)
             << c.size << (c.one_way ? " one-way" : "");
+    }
+}
+
+// A connection made non-blocking: a read with nothing to read fails with
+// EAGAIN, and poll() wakes when the call's completion and reply are there.
+// A transaction larger than a socket's packet arrives whole.
+TEST(DriverNonBlocking, ReadFailsAgainAndPollWakesForTheReply)
+{
+    peer::Connection bs(binder_open(128 * 1024));
+    ASSERT_NE(bs, nullptr);
+    auto echo = peer::start_echo({"drv.poll"}, 1024 * 1024);
+    ASSERT_TRUE(echo->ready());
+    const uint32_t handle = svcmgr_lookup(bs.get(), SVCMGR_HANDLE, "drv.poll");
+    ASSERT_NE(handle, 0u);
+    ASSERT_EQ(fcntl(bs->fd, F_SETFL, fcntl(bs->fd, F_GETFL) | O_NONBLOCK), 0);
+    alignas(8) unsigned char buf[256];
+    binder_write_read bwr{};
+    bwr.read_size = sizeof buf;
+    bwr.read_buffer = ptr_of(buf);
+    EXPECT_EQ(binder_ioctl(bs.get(), BINDER_WRITE_READ, &bwr), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(bwr.read_consumed, 0u);
+    for (const size_t size : {size_t{4}, size_t{600 * 1024}}) {
+        Block b;
+        b.txn(BC_TRANSACTION, handle, peer::ECHO_ADD1, 0, payload(size, 41));
+        ASSERT_EQ(binder_write(bs.get(), b.bytes.data(), b.bytes.size()), 0) << size;
+        Words got;
+        for (int pass = 0; pass < 64; ++pass) {
+            pollfd p{bs->fd, POLLIN, 0};
+            ASSERT_EQ(poll(&p, 1, 60000), 1) << size << ": poll did not wake";
+            bwr.read_consumed = 0;
+            if (binder_ioctl(bs.get(), BINDER_WRITE_READ, &bwr) < 0)
+                ASSERT_EQ(errno, EAGAIN); // a wake-up may find the work taken
+            else if (take_returns(bs.get(), buf, bwr.read_consumed, got))
+                break;
+        }
+        EXPECT_EQ(got, kAnswered) << size;
     }
 }
 

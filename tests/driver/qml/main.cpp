@@ -53,6 +53,9 @@ public:
     // This process's threads and open descriptors.
     Q_INVOKABLE int threads() { return peer::threads_of(); }
     Q_INVOKABLE int descriptors() { return peer::descriptors_of(); }
+    // On hmisvc-binderd each thread calling through a connection holds a
+    // socket of its own on it.
+    Q_INVOKABLE bool userspaceDriver() { return qEnvironmentVariableIsSet("HMISVC_BINDER_SOCKET"); }
 
     // The longest gap between ticks of a 1 ms timer on the GUI thread.
     Q_INVOKABLE void watchStalls()

@@ -2,12 +2,12 @@
 // stray word to a service (or to the service manager, 0), as any process
 // could; exits 0 once the driver took it.
 #include <hmisvc/binder.h>
+#include <hmisvc/binder_seam.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <sys/ioctl.h>
 
 int main(int argc, char **argv)
 {
@@ -42,7 +42,7 @@ int main(int argc, char **argv)
         bwr.read_size = sizeof in;
         bwr.read_consumed = 0;
         bwr.read_buffer = static_cast<binder_uintptr_t>(reinterpret_cast<uintptr_t>(in));
-        if (ioctl(bs->fd, BINDER_WRITE_READ, &bwr) < 0)
+        if (binder_ioctl(bs, BINDER_WRITE_READ, &bwr) < 0)
             return 1;
         for (binder_size_t i = 0; i + 4 <= bwr.read_consumed; i += 4) {
             uint32_t r;
