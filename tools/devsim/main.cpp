@@ -268,6 +268,8 @@ int main(int argc, char **argv)
     // simulator's lock, which the hook is called with).
     int serving = kLoopers, waiting = 0;
     simulator.on_delay([&](bool starts) {
+        if (hmisvc::devsim::ServiceProcesses::delaying(starts))
+            return;
         waiting += starts ? 1 : -1;
         if (starts && serving - waiting < kLoopers) {
             ++serving;

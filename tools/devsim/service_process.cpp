@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -115,10 +116,12 @@ bool read_frame(int fd, Frame &frame)
            read_all(fd, frame.offsets.data(), offsets_bytes);
 }
 
-// Threads serving in a service's process: a call the main process delays
-// (`sim fail --delay-ms`) keeps one.
+// Threads kept free to serve in a service's process. A call the main
+// process delays (`sim fail --delay-ms`) keeps the thread that took it (its
+// reply goes out on it), so a thread is added whenever fewer than these are
+// free, up to one for each call the main process may delay at once.
 constexpr int kServiceLoopers = 4;
-constexpr std::size_t kServiceReplyArea = 64 * 1024;
+constexpr int kMaxServiceThreads = kServiceLoopers + Simulator::kMaxDelayed;
 
 }  // namespace
 
@@ -142,7 +145,29 @@ int run_service_process(const std::string &name, int fd)
     std::map<uint32_t, Frame> replies;
     std::atomic<uint32_t> next_id{1};
 
-    auto handler = [&](const binder_transaction_data &txn, binder_io &msg, binder_io &reply) {
+    std::mutex threads_lock;
+    int serving = kServiceLoopers, busy = 0;
+    tools::TxnHandler handler;
+    auto serve_more = [&] {
+        std::thread([&] { tools::serve(bs, handler, kReplyArea, false); }).detach();
+    };
+    handler = [&](const binder_transaction_data &txn, binder_io &msg, binder_io &reply) {
+        {
+            std::lock_guard<std::mutex> hold(threads_lock);
+            if (serving - ++busy < kServiceLoopers && serving < kMaxServiceThreads) {
+                ++serving;
+                serve_more();
+            }
+        }
+        struct Done {
+            std::mutex &lock;
+            int &busy;
+            ~Done()
+            {
+                std::lock_guard<std::mutex> hold(lock);
+                --busy;
+            }
+        } done{threads_lock, busy};
         Head head;
         head.kind = kCall;
         head.id = next_id++;
@@ -172,8 +197,10 @@ int run_service_process(const std::string &name, int fd)
             *reply.offsets_cursor++ = off, --reply.offsets_left;
         return 0;
     };
-    for (int i = 0; i < kServiceLoopers; ++i)
-        std::thread([&, i] { tools::serve(bs, handler, kServiceReplyArea, i == 0); }).detach();
+    // Replies as large as the main process's own.
+    std::thread([&] { tools::serve(bs, handler, kReplyArea, true); }).detach();
+    for (int i = 1; i < kServiceLoopers; ++i)
+        serve_more();
     publisher.watch();
 
     Head ready;
@@ -352,16 +379,44 @@ void answer(Simulator &simulator, const Service *service, const std::shared_ptr<
 
 }  // namespace
 
+namespace {
+
+// Set while a thread reading a service's process answers one of its calls:
+// hands the reading on to a new thread.
+thread_local std::function<void()> *hand_on = nullptr;
+
+}  // namespace
+
+bool ServiceProcesses::delaying(bool starts)
+{
+    if (!hand_on)
+        return false;
+    if (starts && *hand_on) {
+        (*hand_on)();
+        *hand_on = nullptr;
+    }
+    return true;
+}
+
 void ServiceProcesses::read_loop(Child *child, std::shared_ptr<ServiceLink> link, pid_t pid)
 {
     for (Frame frame; read_frame(link->fd, frame);) {
         if (frame.head.kind == kCall) {
-            // A thread per call: a delayed call holds only its own.
+            // Answered here, as the main process's own threads answer: a
+            // call that is delayed keeps this thread and a new one reads
+            // on, so that a thread is added only for a call that waits.
+            bool handed_on = false;
+            std::function<void()> hand = [&] {
+                handed_on = true;
+                std::thread(&ServiceProcesses::read_loop, this, child, link, pid).detach();
+            };
             ++child->calls;
-            std::thread([this, child, link, f = std::move(frame)]() mutable {
-                answer(simulator_, child->service, link, std::move(f));
-                --child->calls;
-            }).detach();
+            hand_on = &hand;
+            answer(simulator_, child->service, link, std::move(frame));
+            hand_on = nullptr;
+            --child->calls;
+            if (handed_on)
+                return;
             continue;
         }
         std::lock_guard<std::mutex> lock(mutex_);

@@ -61,6 +61,12 @@ public:
     };
     std::vector<Status> status() const;
 
+    // For the simulator's delay hook, on the thread that starts (or ends)
+    // waiting out a delay: true when that thread answers a service's
+    // process, which has a thread for the call already; its reading then
+    // goes on in a new thread, while the delayed call keeps this one.
+    static bool delaying(bool starts);
+
     // Kills the service's process at once (SIGKILL) and answers once it is
     // gone; a new one publishes again after restart_after_ms (below 0: at
     // `restart`). "" or why not.
