@@ -1,5 +1,6 @@
 #include "service_registry.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -102,7 +103,7 @@ bool ServiceRegistry::open_to(std::map<std::u16string, Entry>::iterator it, cons
         return e.owner.same_program(by);
     // Lapsed: free for anyone.
     if (e.handle)
-        unref(e.handle);
+        unref(e.handle, true);
     names_.erase(it);
     return true;
 }
@@ -128,11 +129,12 @@ bool ServiceRegistry::publish(const std::u16string &name, uint32_t handle, const
     // A claim stays with the name when its program takes it up again.
     Entry &e = names_[name];
     uint32_t old = e.handle;
+    bool old_gone = old && !e.owner.same(by) && e.owner.gone();
     e.handle = handle;
     e.owner = by;
     e.until = 0;
     if (old)
-        unref(old);
+        unref(old, old_gone);
     save();
     return true;
 }
@@ -197,14 +199,22 @@ bool ServiceRegistry::name_at(std::size_t n, std::u16string &name) const
     return false;
 }
 
-void ServiceRegistry::unref(uint32_t handle)
+void ServiceRegistry::unref(uint32_t handle, bool owner_gone)
 {
     binder_release(bs_, handle);
     auto it = links_.find(handle);
+    if (it == links_.end() || --it->second->names != 0)
+        return;
     // The last release ends the driver reference and its death notification
-    // with it, so the record may go.
-    if (it != links_.end() && --it->second->names == 0)
-        links_.erase(it);
+    // with it, so the record may go; unless the death came before and waits
+    // to be read: then the record must outlive it.
+    if (owner_gone) {
+        it->second->retired = true;
+        if (retired_.size() == kRetired)
+            retired_.erase(retired_.begin());
+        retired_.push_back(std::move(it->second));
+    }
+    links_.erase(it);
 }
 
 void ServiceRegistry::died(Link &link)
@@ -235,7 +245,16 @@ void ServiceRegistry::died(Link &link)
 void ServiceRegistry::died_cb(binder_connection *, void *user)
 {
     auto *link = static_cast<Link *>(user);
-    link->registry->died(*link);
+    ServiceRegistry *registry = link->registry;
+    // A released link's handle may name another object by now.
+    if (link->retired) {
+        auto &retired = registry->retired_;
+        auto it = std::find_if(retired.begin(), retired.end(), [&](const auto &l) { return l.get() == link; });
+        if (it != retired.end())
+            retired.erase(it);
+        return;
+    }
+    registry->died(*link);
 }
 
 // One line per name: its UTF-16 units in hex, owner pid, euid and start,

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 #include <sys/types.h>
 
 namespace hmisvc::tools {
@@ -82,6 +83,7 @@ private:
         ServiceRegistry *registry;
         uint32_t handle;
         unsigned names;
+        bool retired = false;  // released while its death may still come
     };
 
     // handle 0: reserved for its owner (or claimed and its owner gone) but
@@ -95,7 +97,9 @@ private:
 
     // Whether `by` may take the entry; drops it when it has lapsed.
     bool open_to(std::map<std::u16string, Entry>::iterator it, const Process &by);
-    void unref(uint32_t handle);
+    // `owner_gone`: the object's process has ended, so its death may be on
+    // its way to us already.
+    void unref(uint32_t handle, bool owner_gone = false);
     void died(Link &link);
     static void died_cb(binder_connection *bs, void *link);
     void load();
@@ -106,6 +110,11 @@ private:
     std::string file_error_;
     std::map<std::u16string, Entry> names_;
     std::map<uint32_t, std::unique_ptr<Link>> links_;
+    // Links released after their process ended: the driver may still hand
+    // us their death, with the record's address, so they are kept until it
+    // does (at most kRetired, the oldest let go first).
+    static constexpr std::size_t kRetired = 1024;
+    std::vector<std::unique_ptr<Link>> retired_;
     DeathHook death_hook_;
 };
 
