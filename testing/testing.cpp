@@ -230,6 +230,14 @@ void Device::fail(const std::string &service, int calls, int status, int delay_m
 void Device::heal(const std::string &service) { sim({"heal", service}); }
 void Device::publish(const std::string &service) { sim({"publish", service}); }
 void Device::unpublish(const std::string &service) { sim({"unpublish", service}); }
+void Device::crash(const std::string &service, int restart_after_ms)
+{
+    std::vector<std::string> args{"crash", service};
+    if (restart_after_ms >= 0)
+        args.insert(args.end(), {"--restart-after", std::to_string(restart_after_ms)});
+    sim(args);
+}
+void Device::restart(const std::string &service) { sim({"restart", service}); }
 
 void Device::broadcast(const std::string &action, const std::map<std::string, int> &ints,
                        const std::map<std::string, std::string> &strings)

@@ -36,7 +36,7 @@ TEST_F(HmiConsole, WifiListFollows)
 {
     hmisvc::testing::App app({app_path});
     ASSERT_TRUE(app.expect("wifi: Office-WiFi"));
-    device.play(R"({"steps": [{"at": 1, "unpublish": "wifiinfo"}, {"at": 3, "publish": "wifiinfo"}]})");
+    device.play(R"({"steps": [{"at": 1, "crash": "wifiinfo"}, {"at": 3, "restart": "wifiinfo"}]})");
     ASSERT_TRUE(app.expect("wifi: none"));
     EXPECT_TRUE(app.expect("wifi: Office-WiFi"));
 }

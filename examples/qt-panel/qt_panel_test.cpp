@@ -39,7 +39,7 @@ TEST_F(QtPanel, WifiListFollows)
 {
     hmisvc::testing::App app({app_path, "--watch"});
     ASSERT_TRUE(app.expect("wifi: Office-WiFi", 30));
-    device.play(R"({"steps": [{"at": 1, "unpublish": "wifiinfo"}, {"at": 3, "publish": "wifiinfo"}]})");
+    device.play(R"({"steps": [{"at": 1, "crash": "wifiinfo"}, {"at": 3, "restart": "wifiinfo"}]})");
     ASSERT_TRUE(app.expect("wifi: unavailable"));
     EXPECT_TRUE(app.expect("wifi: Office-WiFi"));
 }

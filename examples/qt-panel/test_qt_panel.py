@@ -27,7 +27,7 @@ def test_backlight_down_and_back(hmisvc_device, hmisvc_app):
 def test_wifi_list_follows(hmisvc_device, hmisvc_app):
     app = hmisvc_app(APP)
     app.expect("wifi: Office-WiFi", timeout=30)
-    hmisvc_device.play({"steps": [{"at": 1, "unpublish": "wifiinfo"}, {"at": 3, "publish": "wifiinfo"}]})
+    hmisvc_device.play({"steps": [{"at": 1, "crash": "wifiinfo"}, {"at": 3, "restart": "wifiinfo"}]})
     app.expect("wifi: unavailable")
     app.expect("wifi: Office-WiFi")
 

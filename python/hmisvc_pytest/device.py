@@ -153,6 +153,17 @@ class Device:
     def unpublish(self, service):
         self._steer("unpublish", {"service": service}, service)
 
+    def crash(self, service, restart_after_ms=None):
+        """The service's process dies at once, as on the device: holders get its death
+        notification, the name is dropped; back after `restart_after_ms`, else at restart()."""
+        after = [] if restart_after_ms is None else ["--restart-after", str(restart_after_ms)]
+        self._steer("crash", {"service": service, "restart_after_ms": -1 if restart_after_ms is None
+                              else restart_after_ms}, service, *after)
+
+    def restart(self, service):
+        """A crashed service's process again; returns once it is published again."""
+        self._steer("restart", {"service": service}, service)
+
     def state(self):
         """The whole state, as `hmisvc sim dump` prints it."""
         if self.panel:

@@ -62,6 +62,12 @@ def test_steering_reaches_applications(hmisvc_device, hmisvc_app):
     hmisvc_device.publish("backlight")
     assert hmisvc_app([HMISVC, "check", "backlight"]).wait() == 0
 
+    hmisvc_device.crash("backlight")
+    assert hmisvc_app([HMISVC, "check", "backlight"]).wait() == 1
+    hmisvc_device.restart("backlight")
+    assert hmisvc_app([HMISVC, "check", "backlight"]).wait() == 0
+    hmisvc_device.crash("backlight", restart_after_ms=0)
+
 
 @pytest.mark.parametrize("verb, args, nearest", [
     ("set", ("backlight.brightnes", 3), "backlight.brightness"),
@@ -121,10 +127,12 @@ def test_each_test_gets_the_device_as_it_started(pytester):
             hmisvc_device.set("backlight.brightness", 99)
             hmisvc_device.fail("backlight")
             hmisvc_device.unpublish("wifiinfo")
+            hmisvc_device.crash("date")
         def test_sees_none_of_it(hmisvc_device):
             assert hmisvc_device.state()["backlight"]["brightness"] != 99
             assert subprocess.run([{HMISVC!r}, "backlight", "get"]).returncode == 0
             assert subprocess.run([{HMISVC!r}, "check", "wifiinfo"]).returncode == 0
+            assert subprocess.run([{HMISVC!r}, "check", "date"]).returncode == 0
     """)
     result.assert_outcomes(passed=2)
 

@@ -25,7 +25,8 @@ namespace {
 constexpr const char *kControl = "devsim.control";
 enum Code : uint32_t {
     kDump, kSet, kFail, kHeal, kPublish, kUnpublish, kLoadState,
-    kCalls, kMark, kWaitCall, kClearCalls, kReply, kReset, kPlay, kBroadcast
+    kCalls, kMark, kWaitCall, kClearCalls, kReply, kReset, kPlay, kBroadcast,
+    kCrash, kRestart, kProcesses
 };
 
 // Room for the largest answer, a dump of the state.
@@ -173,6 +174,31 @@ void addControl(CLI::App &sim, int &status)
         cmd->add_option("SERVICE", *name, "Service name")->required();
         cmd->callback([name, code = s.code, &status] { status = control(code, {{true, *name, 0}}); });
     }
+
+    auto after = std::make_shared<int32_t>(-1);
+    cmd = sim.add_subcommand("crash", "Kill a service's process at once, as when it crashes on the device");
+    cmd->add_option("SERVICE", *name, "Service name")->required();
+    cmd->add_option("--restart-after", *after, "Start it again after MS ms (default: at `sim restart`)")
+        ->check(CLI::Range(0, INT32_MAX));
+    cmd->callback([name, after, &status] { status = control(kCrash, {{true, *name, 0}, {false, {}, *after}}); });
+    cmd = sim.add_subcommand("restart", "Start a crashed service's process again");
+    cmd->add_option("SERVICE", *name, "Service name")->required();
+    cmd->callback([name, &status] { status = control(kRestart, {{true, *name, 0}}); });
+    sim.add_subcommand("status", "List each service's process: state, pid, restarts and calls in progress")->callback([&status] {
+        std::string answer;
+        int result = ask(kProcesses, {}, answer);
+        nlohmann::json list;
+        if (result != 0 || (list = nlohmann::json::parse(answer, nullptr, false)).is_discarded()) {
+            status = result < 0 ? 1 : control(kProcesses, {});
+            return;
+        }
+        for (const auto &p : list)
+            std::cout << std::left << std::setw(12) << p.value("service", "") << ' ' << std::setw(10)
+                      << p.value("state", "") << " pid " << std::setw(7) << p.value("pid", 0) << " restarts "
+                      << std::setw(3) << p.value("restarts", 0) << " calls " << p.value("calls", 0) << '\n';
+        std::cout << std::flush;
+        status = 0;
+    });
 
     cmd = sim.add_subcommand("load", "Load a state file (JSON, whole or partial) into the running simulator");
     cmd->add_option("FILE", *value, "State file")->required()->check(CLI::ExistingFile);

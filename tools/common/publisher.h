@@ -19,17 +19,19 @@ public:
     // `bs` must be served by a looper (serve()), which delivers the death.
     // Without a connection (in a test) only the list of names is kept.
     explicit Publisher(binder_connection *bs);
-    ~Publisher();
+    // A program whose names other processes of its own hold (the
+    // simulator's services) steers them by overriding these.
+    virtual ~Publisher();
     Publisher(const Publisher &) = delete;
     Publisher &operator=(const Publisher &) = delete;
 
     // The service manager's status (0: published), -1 when the call failed.
     // A published name is published again after a service manager restart.
-    int publish(const std::string &name, void *object);
+    virtual int publish(const std::string &name, void *object);
     // 0 when dropped; otherwise a message says why on standard error.
-    int unpublish(const std::string &name, void *object);
+    virtual int unpublish(const std::string &name, void *object);
     // Whether `name` is among the names kept published.
-    bool published(const std::string &name) const;
+    virtual bool published(const std::string &name) const;
 
     // From now on every name published is also claimed for this program
     // (kept for it across its restart, see ServiceRegistry), those

@@ -1,5 +1,7 @@
 #include "control.h"
 
+#include "service_process.h"
+
 #include "names.h"
 #include "state.h"
 
@@ -115,7 +117,10 @@ Control::Control(Device &device, Simulator &simulator, tools::Publisher &publish
                  on("reset", [](Control &c) { return c.reset(); }),
                  on("play", [](Control &c, S document) { return c.play(document); }),
                  on("broadcast", [](Control &c, S action, S extras) {
-                        return with_json(extras, [&](const Json &e) { return c.broadcast_json(action, e); }); })}};
+                        return with_json(extras, [&](const Json &e) { return c.broadcast_json(action, e); }); }),
+                 on("crash", [](Control &c, S name, int32_t after_ms) { return c.crash(name, after_ms); }),
+                 on("restart", [](Control &c, S name) { return c.restart(name); }),
+                 on("processes", [](Control &c) { return c.processes(); })}};
 }
 
 Result Control::dump() const
@@ -272,6 +277,53 @@ Result Control::unpublish(const std::string &name)
             return {Result::kFailed, std::string("the service manager does not take unpublish requests")};
         return {Result::kDone, s.name};
     });
+}
+
+namespace {
+
+// f(processes, service) for a service that runs in a process of its own.
+template <class F> Result on_process(tools::Publisher &publisher, const Service &s, F f)
+{
+    auto *processes = dynamic_cast<ServiceProcesses *>(&publisher);
+    if (!processes || !ServiceProcesses::separate(s.name))
+        return refused(std::string(s.name) + " runs in the simulator's main process: it cannot crash alone");
+    std::string why = f(*processes, s.name);
+    return why.empty() ? Result{Result::kDone, s.name} : Result{Result::kFailed, why};
+}
+
+}  // namespace
+
+Result Control::crash(const std::string &name, int32_t restart_after_ms)
+{
+    if (name == kServiceName)
+        return refused(std::string(kServiceName) +
+                       " is the simulator's control service and cannot crash alone; to stop every service, "
+                       "stop the simulator (Ctrl-C, or kill hmisvc-devsim's pid)");
+    return on_service(name, [&](const Service &s) {
+        return on_process(publisher_, s, [&](ServiceProcesses &p, const std::string &n) {
+            return p.crash(n, restart_after_ms);
+        });
+    });
+}
+
+Result Control::restart(const std::string &name)
+{
+    return on_service(name, [&](const Service &s) {
+        return on_process(publisher_, s, [](ServiceProcesses &p, const std::string &n) { return p.restart(n); });
+    });
+}
+
+Result Control::processes()
+{
+    Json out = Json::array();
+    if (auto *p = dynamic_cast<ServiceProcesses *>(&publisher_))
+        for (const ServiceProcesses::Status &st : p->status())
+            out.push_back({{"service", st.name},
+                           {"pid", st.pid},
+                           {"restarts", st.restarts},
+                           {"calls", st.calls},
+                           {"state", st.crashed ? "crashed" : st.pid ? "up" : "restarting"}});
+    return {Result::kDone, out.dump()};
 }
 
 Result Control::broadcast(const std::string &action, const std::map<std::string, int> &ints,
@@ -537,6 +589,11 @@ Result Control::reset()
                   : publisher_.unpublish(s.name, const_cast<Service *>(&s))) != 0)
             failed += std::string(failed.empty() ? "" : ", ") + s.name;
     }
+    // Crashed services come back, published as at the start.
+    if (auto *processes = dynamic_cast<ServiceProcesses *>(&publisher_))
+        for (const ServiceProcesses::Status &p : processes->status())
+            if (p.crashed && !processes->restart(p.name).empty())
+                failed += std::string(failed.empty() ? "" : ", ") + p.name;
     simulator_.calls().clear();
     if (!failed.empty())
         return {Result::kFailed, "reset, but the service manager refused to change " + failed};
@@ -563,7 +620,19 @@ Scenario::Checks Control::scenario_checks()
                 return "expected a service name, got " + shown(name);
             return lookup(name.get<std::string>(), why) ? std::string() : why.text;
         };
-        if (action == "heal" || action == "publish" || action == "unpublish")
+        if (action == "heal" || action == "publish" || action == "unpublish" || action == "restart")
+            return service_arg(arg);
+        if (action == "crash" && arg.is_object()) {
+            for (auto it = arg.begin(); it != arg.end(); ++it)
+                if (it.key() != "service" && it.key() != "restart_after_ms")
+                    return unknown_name("field", it.key(), {"service", "restart_after_ms"});
+            if (arg.contains("restart_after_ms") &&
+                (!arg["restart_after_ms"].is_number_integer() || arg["restart_after_ms"].get<int64_t>() < 0 ||
+                 arg["restart_after_ms"].get<int64_t>() > INT32_MAX))
+                return "restart_after_ms: expected an integer from 0 to 2147483647, got " + shown(arg["restart_after_ms"]);
+            return service_arg(arg.value("service", Json()));
+        }
+        if (action == "crash")
             return service_arg(arg);
         if (action == "fail") {
             if (!arg.is_object())
@@ -649,6 +718,10 @@ std::string Control::act(const Step &step)
         r = publish(name(arg));
     } else if (step.action == "unpublish") {
         r = unpublish(name(arg));
+    } else if (step.action == "crash") {
+        r = crash(name(arg), arg.is_object() ? arg.value("restart_after_ms", -1) : -1);
+    } else if (step.action == "restart") {
+        r = restart(name(arg));
     } else if (step.action == "broadcast") {
         Json extras = arg;
         extras.erase("action");

@@ -56,6 +56,11 @@ public:
     Result heal(const std::string &service);
     Result publish(const std::string &service);
     Result unpublish(const std::string &service);
+    // A service's process: killed at once (restarted after restart_after_ms,
+    // below 0: at restart), started again, and each one's pid and restarts.
+    Result crash(const std::string &service, int32_t restart_after_ms);
+    Result restart(const std::string &service);
+    Result processes();
     // Sends an intent to every registered endpoint, as an application's
     // SendBroadcast does.
     Result broadcast(const std::string &action, const std::map<std::string, int> &ints,
@@ -105,7 +110,7 @@ public:
 
     // The control service's method table, in code order: dump, set, fail,
     // heal, publish, unpublish, load_state, calls, mark, wait_call,
-    // clear_calls, reply, reset, play, broadcast.
+    // clear_calls, reply, reset, play, broadcast, crash, restart, processes.
     const Service &service() const { return service_; }
 
 private:

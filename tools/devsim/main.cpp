@@ -6,6 +6,7 @@
 #include "panel_server.h"
 #endif
 #include "publisher.h"
+#include "service_process.h"
 #include "services.h"
 #include "state.h"
 #include "svcmgr_client.h"
@@ -17,6 +18,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <memory>
@@ -79,6 +81,17 @@ std::string write_http_info(const std::string &file, const std::string &url, int
 
 int main(int argc, char **argv)
 {
+    // A service's process, started by the main process (see ServiceProcesses).
+    if (argc == 3 && std::strcmp(argv[1], hmisvc::devsim::kServiceProcessOption) == 0) {
+        std::string arg = argv[2];
+        std::size_t comma = arg.rfind(',');
+        if (comma == std::string::npos) {
+            std::fprintf(stderr, "hmisvc-devsim: %s NAME,FD is how the simulator starts a service's process\n",
+                         argv[1]);
+            return 2;
+        }
+        return hmisvc::devsim::run_service_process(arg.substr(0, comma), std::atoi(arg.c_str() + comma + 1));
+    }
     CLI::App app{"Simulates the device's system services over the binder driver."};
     std::string settings_file, record_file, trace_file, state_file;
     std::vector<std::string> only;
@@ -181,7 +194,13 @@ int main(int argc, char **argv)
     binder_connection *bs = binder_open(1024 * 1024);
     if (!bs)
         return 1;
-    hmisvc::tools::Publisher publisher(bs);
+    char exe[4096];
+    ssize_t exe_length = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    if (exe_length <= 0)
+        return fail(std::string("cannot find the program to start the services' processes: ") + std::strerror(errno));
+    hmisvc::devsim::ServiceProcesses publisher(bs, simulator, std::string(exe, static_cast<std::size_t>(exe_length)));
+    if (std::string why = publisher.start(); !why.empty())
+        return fail(why);
     Control control(device, simulator, publisher);
     simulator.add_extra(&control.service());
     device.broadcasts.attach(bs);
@@ -249,6 +268,8 @@ int main(int argc, char **argv)
     // simulator's lock, which the hook is called with).
     int serving = kLoopers, waiting = 0;
     simulator.on_delay([&](bool starts) {
+        if (hmisvc::devsim::ServiceProcesses::delaying(starts))
+            return;
         waiting += starts ? 1 : -1;
         if (starts && serving - waiting < kLoopers) {
             ++serving;

@@ -310,9 +310,14 @@ struct PanelServer::Impl {
         Json doc;
         doc["state"] = Json::parse(control.dump().text);
         auto faults = simulator.faults();
+        // Each service's process (none: it runs in the main process).
+        std::map<std::string, Json> processes;
+        for (const Json &p : Json::parse(control.processes().text))
+            processes[p.at("service").get<std::string>()] = p;
         Json services = Json::array();
         for (const Service &s : simulator.services()) {
-            Json entry = {{"name", s.name}, {"published", publisher.published(s.name)}, {"fault", nullptr}};
+            Json entry = {{"name", s.name}, {"published", publisher.published(s.name)}, {"fault", nullptr},
+                          {"process", processes.count(s.name) ? processes[s.name] : Json()}};
             if (auto f = faults.find(s.name); f != faults.end())
                 entry["fault"] = {{"status", f->second.status},
                                   {"calls", f->second.calls},
@@ -712,6 +717,10 @@ struct PanelServer::Impl {
         steering["/api/heal"] = [this](const Json &b) { return control.heal(bytes(b.at("service"))); };
         steering["/api/publish"] = [this](const Json &b) { return control.publish(bytes(b.at("service"))); };
         steering["/api/unpublish"] = [this](const Json &b) { return control.unpublish(bytes(b.at("service"))); };
+        steering["/api/crash"] = [this](const Json &b) {
+            return control.crash(bytes(b.at("service")), b.value("restart_after_ms", -1));
+        };
+        steering["/api/restart"] = [this](const Json &b) { return control.restart(bytes(b.at("service"))); };
         steering["/api/broadcast"] = [this](const Json &b) {
             std::map<S, int> ints;
             std::map<S, S> strings;

@@ -84,7 +84,8 @@ Step step_of(const Json &j, const Scenario::Checks &checks)
         }
     }
     if (step.action.empty())
-        throw Refusal{"no action (one of set, load, fail, heal, publish, unpublish, broadcast, reply, reset, expect)"};
+        throw Refusal{"no action (one of set, load, fail, heal, publish, unpublish, crash, restart, broadcast, reply, reset, "
+                      "expect)"};
     if (step.action == "expect") {
         for (const char *f : {"at", "after", "delay"})
             if (j.contains(f))
@@ -132,8 +133,8 @@ std::string shown_call(const Step &s)
 
 const std::vector<std::string> &Scenario::actions()
 {
-    static const std::vector<std::string> names = {"set",       "load",  "fail",  "heal",  "publish",
-                                                   "unpublish", "broadcast", "reply", "reset", "expect"};
+    static const std::vector<std::string> names = {"set",   "load",    "fail",      "heal",  "publish", "unpublish",
+                                                   "crash", "restart", "broadcast", "reply", "reset",   "expect"};
     return names;
 }
 

@@ -53,6 +53,10 @@ public:
     void heal(const std::string &service);
     void publish(const std::string &service);
     void unpublish(const std::string &service);
+    // The service's process dies at once (holders get its death
+    // notification); back after restart_after_ms, or at restart() when below 0.
+    void crash(const std::string &service, int restart_after_ms = -1);
+    void restart(const std::string &service);
     void broadcast(const std::string &action, const std::map<std::string, int> &ints = {},
                    const std::map<std::string, std::string> &strings = {});
     // Answers as `hmisvc sim reply` takes them: JSON values, "fail", "status:N",

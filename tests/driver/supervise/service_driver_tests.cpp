@@ -403,6 +403,31 @@ TEST(Outcomes, NoDriverInAProcessThatCannotOpenIt)
     EXPECT_EQ(WEXITSTATUS(status), 0) << "calls that did not say NoDriver";
 }
 
+// One service's process crashes, as on the device: its handle goes down and
+// comes back, another service's handle never goes down.
+TEST(SupervisedService, OneServiceCrashesTheOthersStayUp)
+{
+#ifndef HMISVC_CLI
+    GTEST_SKIP() << "needs the hmisvc tool to crash a service";
+#endif
+    Changes backlight_changes, system_changes;
+    hmisvc::Service<BacklightManager> backlight(backlight_changes.options(2000ms));
+    hmisvc::Service<SystemManager> system(system_changes.options(2000ms));
+    ASSERT_TRUE(backlight.call(&BacklightManager::GetBrightness).ok());
+    ASSERT_TRUE(system.call(&SystemManager::GetHmiName).ok());
+
+    ASSERT_TRUE(sim("crash backlight"));
+    // Down through the driver's death notification, with no call made.
+    ASSERT_TRUE(peer::eventually([&] { return backlight_changes.down == 1; }));
+    EXPECT_FALSE(backlight.call(&BacklightManager::GetBrightness).ok());
+    EXPECT_TRUE(system.call(&SystemManager::GetHmiName).ok());
+
+    ASSERT_TRUE(sim("restart backlight"));
+    EXPECT_TRUE(backlight.call(&BacklightManager::GetBrightness).ok());
+    EXPECT_EQ(backlight_changes.recovered, 1);
+    EXPECT_EQ(system_changes.down, 0);
+}
+
 } // namespace
 
 int main(int argc, char **argv)

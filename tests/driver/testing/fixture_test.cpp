@@ -118,6 +118,11 @@ TEST_F(Fixture, VerbsReachApplications)
     EXPECT_EQ(app("check backlight").first, 1);
     device.publish("backlight");
     EXPECT_EQ(app("check backlight").first, 0);
+
+    device.crash("backlight");
+    EXPECT_EQ(app("check backlight").first, 1);
+    device.restart("backlight");
+    EXPECT_NE(app("backlight get").second.find("7"), std::string::npos);  // the state outlives the process
 }
 
 // Leaves the device changed; the next test must not see it.
@@ -126,6 +131,7 @@ TEST_F(Fixture, ChangesEverything)
     device.set("backlight.brightness", "99");
     device.fail("backlight");
     device.unpublish("wifiinfo");
+    device.crash("date");
 }
 
 TEST_F(Fixture, StartsFromTheDeviceAsItWas)
@@ -133,6 +139,7 @@ TEST_F(Fixture, StartsFromTheDeviceAsItWas)
     EXPECT_EQ(device.state().find("\"brightness\": 99"), std::string::npos);
     EXPECT_EQ(app("backlight get").first, 0);
     EXPECT_EQ(app("check wifiinfo").first, 0);
+    EXPECT_EQ(app("check date").first, 0);
 }
 
 // Documents go through private files: a file planted where the helper once

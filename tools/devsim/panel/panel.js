@@ -173,6 +173,9 @@ function renderServices(services) {
     const states = [];
     states.push(el('span', { class: 'pill ' + (svc.published ? 'on' : 'off') }, svc.published ? 'published' : 'unpublished'));
     if (svc.fault) states.push(' ', el('span', { class: 'pill warn' }, faultText(svc.fault)));
+    const proc = svc.process;
+    if (proc) states.push(' ', el('span', { class: 'pill ' + (proc.state === 'up' ? 'on' : 'off'), title: `restarts: ${proc.restarts}` },
+      proc.state === 'up' ? `pid ${proc.pid}` : proc.state));
     const failBody = () => {
       const calls = $('fail-calls').value;
       return { service: svc.name, status: Number($('fail-status').value || 0),
@@ -185,7 +188,10 @@ function renderServices(services) {
         svc.fault ? el('button', { onclick: () => steer('heal', { service: svc.name }) }, 'heal')
           : el('button', { class: 'danger', onclick: () => steer('fail', failBody()) }, 'fail'), ' ',
         svc.published ? el('button', { onclick: () => steer('unpublish', { service: svc.name }) }, 'unpublish')
-          : el('button', { onclick: () => steer('publish', { service: svc.name }) }, 'publish')));
+          : el('button', { onclick: () => steer('publish', { service: svc.name }) }, 'publish'),
+        ...(!proc ? [] : [' ', proc.state === 'crashed'
+          ? el('button', { onclick: () => steer('restart', { service: svc.name }) }, 'restart')
+          : el('button', { class: 'danger', onclick: () => steer('crash', { service: svc.name }) }, 'crash')])));
   }));
 }
 

@@ -1,0 +1,98 @@
+// A process per device service, as on the device: each service's process
+// owns the binder object published under the service's name and forwards
+// every transaction to the simulator's main process, which answers from the
+// one device state. Killing a service's process is therefore the service's
+// death as its clients see it (dead replies, death notifications, the name
+// dropped), while the state lives on in the main process.
+#ifndef HMISVC_DEVSIM_SERVICE_PROCESS_H
+#define HMISVC_DEVSIM_SERVICE_PROCESS_H
+
+#include "publisher.h"
+#include "services.h"
+
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace hmisvc::devsim {
+
+// The option by which the program runs as a service's process:
+// `hmisvc-devsim --service-process NAME,FD`.
+constexpr const char *kServiceProcessOption = "--service-process";
+
+// Runs as the process of service `name`, forwarding over descriptor `fd`;
+// returns the program's exit status.
+int run_service_process(const std::string &name, int fd);
+
+struct ServiceLink;
+
+// The main process's side: starts, watches and steers the services'
+// processes. Names it serves in a process are published and unpublished by
+// that process; others (the control service, the broadcast service, whose
+// requests carry binder objects of the caller) by the main process as
+// before.
+class ServiceProcesses : public tools::Publisher {
+public:
+    ServiceProcesses(binder_connection *bs, Simulator &simulator, std::string program);
+    ~ServiceProcesses() override;
+
+    // Starts a process for each service that runs in one; "" or why not.
+    std::string start();
+
+    int publish(const std::string &name, void *object) override;
+    int unpublish(const std::string &name, void *object) override;
+    bool published(const std::string &name) const override;
+
+    // Whether this service runs in a process of its own.
+    static bool separate(const std::string &name);
+
+    struct Status {
+        std::string name;
+        pid_t pid = 0;  // 0: down
+        int restarts = 0;
+        bool crashed = false;  // down until `sim restart`
+        int calls = 0;         // in progress
+    };
+    std::vector<Status> status() const;
+
+    // For the simulator's delay hook, on the thread that starts (or ends)
+    // waiting out a delay: true when that thread answers a service's
+    // process, which has a thread for the call already; its reading then
+    // goes on in a new thread, while the delayed call keeps this one.
+    static bool delaying(bool starts);
+
+    // Kills the service's process at once (SIGKILL) and answers once it is
+    // gone; a new one publishes again after restart_after_ms (below 0: at
+    // `restart`). "" or why not.
+    std::string crash(const std::string &name, int restart_after_ms);
+    // Starts a crashed service's process again; answers once it serves and
+    // is published again. "" or why not.
+    std::string restart(const std::string &name);
+
+private:
+    struct Child;
+    Child *child(const std::string &name) const;
+    void launch(Child &child);
+    void read_loop(Child *child, std::shared_ptr<ServiceLink> link, pid_t pid);
+    // Sends a command to a child and waits for its answer; -1 when it is down.
+    int command(Child &child, uint32_t kind);
+    int set_published(Child &child, bool published);
+
+    Simulator &simulator_;
+    std::string program_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::map<std::string, std::unique_ptr<Child>> children_;
+    uint32_t next_id_ = 1;
+    bool stopping_ = false;
+};
+
+}  // namespace hmisvc::devsim
+
+#endif
