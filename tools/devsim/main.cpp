@@ -233,10 +233,16 @@ int main(int argc, char **argv)
 #endif
 
     published.push_back(&control.service());
+    // The services' processes run by now: leave without the destructors of
+    // what watches them (they end when our end of their socket closes).
+    auto leave = [](int status) {
+        std::fflush(nullptr);
+        std::_Exit(status);
+    };
     for (const Service *s : published) {
         int status = publisher.publish(s->name, const_cast<Service *>(s));
         if (status == -1)
-            return fail(std::string("cannot publish \"") + s->name + "\" (is a service manager running?)");
+            leave(fail(std::string("cannot publish \"") + s->name + "\" (is a service manager running?)"));
         // Someone else's name: a squatter, or another simulator. Which
         // process, so that it can be found; exit 2 as for any unusable
         // start-up setting.
@@ -247,13 +253,13 @@ int main(int argc, char **argv)
             if (holder > 0 && kill(holder, 0) != 0 && errno == ESRCH)
                 who += " (exited; kept a while for its program to restart)";
             std::fprintf(stderr, "hmisvc-devsim: cannot publish \"%s\": held by %s\n", s->name, who.c_str());
-            return 2;
+            leave(2);
         }
     }
     // Only once all are ours: kept for the next simulator when this one
     // ends, so that nothing else takes them before it.
     if (std::string refused = publisher.claim_names(); !refused.empty())
-        return fail("cannot claim \"" + refused + "\"");
+        leave(fail("cannot claim \"" + refused + "\""));
     publisher.watch();
     std::printf("hmisvc-devsim: ready\n");
     std::fflush(stdout);
