@@ -1,7 +1,8 @@
 // The operator panel of examples/qt-panel in QML: a brightness slider, the
 // Wi-Fi networks in range, the last "show settings" broadcast and a status
-// line per service. The Hmisvc types make every call off the GUI thread
-// with a time limit; a stopped service shows "timed out", the page goes on.
+// line per service. The Hmisvc types make every call off the GUI thread with
+// a time limit; a stopped service shows "timed out", the page goes on. Tests
+// find the items by their object names.
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
@@ -26,15 +27,18 @@ ApplicationWindow {
         anchors.fill: parent
         anchors.margins: 8
         Repeater {
-            model: [["backlight", backlight], ["Wi-Fi", wifi], ["broadcasts", broadcasts]]
+            model: [["backlight", backlight, "backlightStatus"], ["Wi-Fi", wifi, "wifiStatus"],
+                    ["broadcasts", broadcasts, "broadcastsStatus"]]
             Label {
                 required property var modelData
+                objectName: modelData[2]
                 text: modelData[0] + ": " + modelData[1].status +
                       (modelData[1].lastError ? " (" + modelData[1].lastError + ")" : "")
             }
         }
-        Label { text: "Brightness " + backlight.brightness + " of " + backlight.maximum }
+        Label { objectName: "brightnessLabel"; text: "Brightness " + backlight.brightness + " of " + backlight.maximum }
         Slider {
+            objectName: "brightness"
             Layout.fillWidth: true
             from: 0; to: Math.max(backlight.maximum, 1); stepSize: 1
             value: backlight.brightness
@@ -42,11 +46,12 @@ ApplicationWindow {
         }
         Label { text: "Wi-Fi networks" }
         ListView {
+            objectName: "networks"
             Layout.fillWidth: true; Layout.fillHeight: true
             clip: true
             model: wifi.networks
             delegate: Label { text: ssid + " (" + signal + " dBm)" }
         }
-        Label { text: broadcasts.last }
+        Label { objectName: "lastBroadcast"; text: broadcasts.last }
     }
 }
