@@ -96,7 +96,7 @@ void Broadcasts::start()
 void Broadcasts::send(const QString &action, const QVariantMap &ints, const QVariantMap &strings)
 {
     if (action.isEmpty()) {
-        setLastError(QStringLiteral("no action to send"));
+        writeEnded("send", QStringLiteral("no action to send"), nullptr);
         return;
     }
     Intent intent(action.toStdString());
@@ -104,14 +104,16 @@ void Broadcasts::send(const QString &action, const QVariantMap &ints, const QVar
         bool number = false;
         const int value = it.value().toInt(&number);
         if (!number) {
-            setLastError(QStringLiteral("extra %1 is not an integer").arg(it.key()));
+            writeEnded("send", QStringLiteral("extra %1 is not an integer").arg(it.key()), nullptr);
             return;
         }
         intent.putExtra(it.key().toStdString(), value);
     }
     for (auto it = strings.begin(); it != strings.end(); ++it)
         intent.putExtra(it.key().toStdString(), it.value().toString().toStdString());
-    ask(&BroadcastManager::SendBroadcast, [](const Result<void> &, const Intent &) {}, intent);
+    write(
+        "send", &BroadcastManager::SendBroadcast, nullptr,
+        [](const Result<void> &, const Intent &) { return QString(); }, intent);
 }
 
 } // namespace hmisvc::qml

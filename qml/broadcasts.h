@@ -29,7 +29,7 @@ namespace hmisvc::qml {
 ///     onReceived: (action, ints, strings) => page.show(ints.page)
 /// }
 /// @endcode
-class Broadcasts : public DeviceObject {
+class Broadcasts : public hmisvc::qml::DeviceObject {
     Q_OBJECT
     QML_ELEMENT
     /// The actions listened for; receiving starts once it is not empty. An

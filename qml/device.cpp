@@ -45,25 +45,28 @@ void Backlight::fetch()
 
 void Backlight::setBrightness(int level)
 {
+    const auto changed = &Backlight::brightnessChanged;
     if (level < 0 || (maximum_ >= 0 && level > maximum_)) {
-        setLastError(maximum_ >= 0 ? QStringLiteral("brightness %1 out of range 0..%2").arg(level).arg(maximum_)
-                                   : QStringLiteral("brightness %1 out of range: below 0").arg(level));
+        writeEnded("setBrightness",
+                   maximum_ >= 0 ? QStringLiteral("brightness %1 out of range 0..%2").arg(level).arg(maximum_)
+                                 : QStringLiteral("brightness %1 out of range: below 0").arg(level),
+                   changed);
         return;
     }
-    ask(
-        &BacklightManager::SetBrightness,
-        [this](const Result<bool> &accepted, int sent) {
-            if (accepted && *accepted)
-                assign(brightness_, sent, &Backlight::brightnessChanged);
-            else if (accepted)
-                setLastError(QStringLiteral("refused"));
+    write(
+        "setBrightness", &BacklightManager::SetBrightness, changed,
+        [this, changed](const Result<bool> &accepted, int sent) {
+            if (!*accepted)
+                return QStringLiteral("refused");
+            assign(brightness_, sent, changed);
+            return QString();
         },
         level);
 }
 
 void Beeper::beep(int a, int b)
 {
-    ask(&BeepManager::Beep, [](const Result<void> &, int, int) {}, a, b);
+    write("beep", &BeepManager::Beep, nullptr, [](const Result<void> &, int, int) { return QString(); }, a, b);
 }
 
 namespace {
@@ -91,7 +94,7 @@ void DateTime::fetch()
 void DateTime::setDateTime(const QDateTime &dateTime)
 {
     if (!dateTime.isValid()) {
-        setLastError(QStringLiteral("invalid date and time"));
+        writeEnded("setDateTime", QStringLiteral("invalid date and time"), &DateTime::dateTimeChanged);
         return;
     }
     Date date;
@@ -101,16 +104,18 @@ void DateTime::setDateTime(const QDateTime &dateTime)
     date.hour = time.hour(), date.minute = time.minute(), date.second = time.second();
     date.subsecond = time.msec();
     date.extra = day.dayOfWeek() % 7;
-    ask(&DateManager::SetTime, [](const Result<void> &, const Date &) {}, date);
+    write(
+        "setDateTime", &DateManager::SetTime, &DateTime::dateTimeChanged,
+        [](const Result<void> &, const Date &) { return QString(); }, date);
 }
 
 void DateTime::setModifiable(bool modifiable)
 {
-    ask(
-        &DateManager::SetModifiable,
-        [this](const Result<void> &r, bool sent) {
-            if (r)
-                assign(modifiable_, sent, &DateTime::modifiableChanged);
+    write(
+        "modifiable", &DateManager::SetModifiable, &DateTime::modifiableChanged,
+        [this](const Result<void> &, bool sent) {
+            assign(modifiable_, sent, &DateTime::modifiableChanged);
+            return QString();
         },
         modifiable);
 }

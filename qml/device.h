@@ -21,7 +21,7 @@ namespace hmisvc::qml {
 /// DeviceInfo { id: device; components: ["kernel", "app"] }
 /// Text { text: device.hmiName + " " + device.versions.app }
 /// @endcode
-class DeviceInfo : public DeviceObject {
+class DeviceInfo : public hmisvc::qml::DeviceObject {
     Q_OBJECT
     QML_ELEMENT
     /// The device's identifier.
@@ -80,7 +80,7 @@ private:
 /// Slider { to: backlight.maximum; value: backlight.brightness
 ///          onMoved: backlight.setBrightness(value) }
 /// @endcode
-class Backlight : public DeviceObject {
+class Backlight : public hmisvc::qml::DeviceObject {
     Q_OBJECT
     QML_ELEMENT
     /// The brightness (the service's scale, 0 to maximum); -1 until known.
@@ -92,9 +92,9 @@ public:
     /// A backlight object.
     explicit Backlight(QObject *parent = nullptr) : DeviceObject(parent) {}
     /// Sets the brightness to @p level: brightness follows the service's
-    /// answer. Outside 0..maximum nothing is sent and lastError says why; a
-    /// level the service refuses (the backlight is locked) leaves brightness
-    /// and sets lastError "refused".
+    /// answer. Outside 0..maximum nothing is sent; a level the service
+    /// refuses (the backlight is locked) is "refused". Either way brightness
+    /// stays and is notified again: a Slider bound to it goes back.
     Q_INVOKABLE void setBrightness(int level);
     //! @cond accessors
     int brightness() const { return brightness_; }
@@ -118,7 +118,7 @@ private:
 /// Beeper { id: beeper }
 /// Button { onClicked: beeper.beep(100, 1) }
 /// @endcode
-class Beeper : public DeviceObject {
+class Beeper : public hmisvc::qml::DeviceObject {
     Q_OBJECT
     QML_ELEMENT
 
@@ -139,7 +139,7 @@ protected:
 /// DateTime { id: clock; refreshInterval: 1000 }
 /// Text { text: clock.dateTime.toLocaleTimeString() }
 /// @endcode
-class DateTime : public DeviceObject {
+class DateTime : public hmisvc::qml::DeviceObject {
     Q_OBJECT
     QML_ELEMENT
     /// The device's date and time as last read (local time); invalid until known.

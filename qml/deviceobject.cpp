@@ -18,8 +18,34 @@ DeviceObject::~DeviceObject() { handle_.reset(); }
 
 void DeviceObject::refresh()
 {
-    if (complete_)
-        fetch();
+    if (!complete_)
+        return;
+    ++round_; // a refresh before the last one ended: only the new one counts
+    roundCalls_ = 0;
+    roundFailed_ = false;
+    fetching_ = true;
+    fetch();
+    fetching_ = false;
+    reads_ = roundCalls_ != 0; // nothing to read (Beeper, Broadcasts): ready follows status
+    if (!reads_)
+        setReady(status_ == QLatin1String("up"));
+}
+
+void DeviceObject::readEnded(bool answered)
+{
+    roundFailed_ = roundFailed_ || !answered;
+    if (--roundCalls_ == 0 && !roundFailed_) {
+        answered_ = true;
+        setReady(status_ == QLatin1String("up"));
+    }
+}
+
+void DeviceObject::setReady(bool ready)
+{
+    if (ready == ready_)
+        return;
+    ready_ = ready;
+    emit readyChanged();
 }
 
 void DeviceObject::setRefreshInterval(int ms)
@@ -43,6 +69,7 @@ void DeviceObject::setTimeLimit(int ms)
     timeLimit_ = ms;
     handle_.reset(); // made again with the new limit; the old one's answers are dropped
     pending_ = 0;
+    ++round_;
     emit timeLimitChanged();
 }
 
@@ -70,6 +97,11 @@ void DeviceObject::setStatus(const QString &status)
         return;
     status_ = status;
     emit statusChanged();
+    if (status_ == QLatin1String("down"))
+        answered_ = false; // values arrive again after the next refresh
+    // Up: the reads may have been answered before the news came.
+    setReady(status_ == QLatin1String("up") && (answered_ || !reads_));
+
 }
 
 ServiceOptions DeviceObject::options()

@@ -75,22 +75,24 @@ void Wifi::fetch()
 void Wifi::connectTo(const QString &ssid, const QString &password)
 {
     if (ssid.isEmpty()) {
-        setLastError(QStringLiteral("no network named"));
+        writeEnded("connectTo", QStringLiteral("no network named"), &Wifi::infoChanged);
         return;
     }
-    ask(
-        &WifiManager::SetWifiConnection,
+    write(
+        "connectTo", &WifiManager::SetWifiConnection, &Wifi::infoChanged,
         [this](const Result<int> &r, const std::string &, const std::string &, int) {
-            if (r && *r != 0)
-                setLastError(QStringLiteral("refused: %1").arg(*r));
             fetchInfo();
+            return *r != 0 ? QStringLiteral("refused: %1").arg(*r) : QString();
         },
         ssid.toStdString(), password.toStdString(), 0);
 }
 
 void Wifi::disconnectCurrent()
 {
-    ask(&WifiManager::DisconnectCurrentWifi, [this](const Result<bool> &) { fetchInfo(); });
+    write("disconnectCurrent", &WifiManager::DisconnectCurrentWifi, &Wifi::infoChanged, [this](const Result<bool> &r) {
+        fetchInfo();
+        return *r ? QString() : QStringLiteral("refused"); // none was joined
+    });
 }
 
 void NetworkSelection::fetch()
@@ -102,10 +104,17 @@ void NetworkSelection::fetch()
 void NetworkSelection::prefer(int net)
 {
     if (net < 0) {
-        setLastError(QStringLiteral("network %1 out of range").arg(net));
+        writeEnded("prefer", QStringLiteral("network %1 out of range").arg(net), &NetworkSelection::currentChanged);
         return;
     }
-    ask(&NetChanageManager::SetFirstNet, [this](const Result<bool> &, int) { refresh(); }, net);
+    // The answer says nothing: what is in use follows.
+    write(
+        "prefer", &NetChanageManager::SetFirstNet, &NetworkSelection::currentChanged,
+        [this](const Result<bool> &, int) {
+            refresh();
+            return QString();
+        },
+        net);
 }
 
 } // namespace hmisvc::qml

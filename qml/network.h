@@ -23,7 +23,7 @@ namespace hmisvc::qml {
 /// Ethernet { id: eth }
 /// Text { text: eth.interfaceName + " " + eth.address }
 /// @endcode
-class Ethernet : public DeviceObject {
+class Ethernet : public hmisvc::qml::DeviceObject {
     Q_OBJECT
     QML_ELEMENT
     /// The address.
@@ -72,7 +72,7 @@ private:
 /// Modem { id: modem; refreshInterval: 5000 }
 /// Text { text: modem.present ? modem.operatorName + " " + modem.level + "/5" : "no modem" }
 /// @endcode
-class Modem : public DeviceObject {
+class Modem : public hmisvc::qml::DeviceObject {
     Q_OBJECT
     QML_ELEMENT
     /// Whether a 4G module is fitted.
@@ -153,7 +153,7 @@ private:
 ///            delegate: Text { text: ssid + " " + signal + " dBm" } }
 /// Button { onClicked: wifi.connectTo("office", password.text) }
 /// @endcode
-class Wifi : public DeviceObject {
+class Wifi : public hmisvc::qml::DeviceObject {
     Q_OBJECT
     QML_ELEMENT
     /// Whether a Wi-Fi module is fitted.
@@ -214,7 +214,7 @@ private:
 /// NetworkSelection { id: net; refreshInterval: 2000 }
 /// ComboBox { model: ["Ethernet", "Wi-Fi", "4G"]; onActivated: net.prefer(index) }
 /// @endcode
-class NetworkSelection : public DeviceObject {
+class NetworkSelection : public hmisvc::qml::DeviceObject {
     Q_OBJECT
     QML_ELEMENT
     /// The network in use.

@@ -19,7 +19,7 @@ namespace hmisvc::qml {
 /// Switch { checked: remote.vncRunning
 ///          onToggled: checked ? remote.restartVnc(0) : remote.closeVnc() }
 /// @endcode
-class RemoteAccess : public DeviceObject {
+class RemoteAccess : public hmisvc::qml::DeviceObject {
     Q_OBJECT
     QML_ELEMENT
     /// Whether the VNC server runs.
@@ -60,7 +60,8 @@ protected:
     void fetch() override;
 
 private:
-    template <class R, class... P, class... A> void act(R (VncFrpVpnManager::*method)(P...), A &&...args);
+    template <class R, class... P, class... A>
+    void act(const char *name, R (VncFrpVpnManager::*method)(P...), A &&...args);
     int flags_ = 0;
 };
 

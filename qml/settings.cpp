@@ -56,15 +56,17 @@ void Settings::setKey(const QString &key)
 
 void Settings::setValue(const QString &value)
 {
-    if (!named())
+    if (section_.isEmpty() || key_.isEmpty()) {
+        writeEnded("value", QStringLiteral("section and key must be set"), &Settings::valueChanged);
         return;
-    ask(
-        &SettingsManager::SetValue,
+    }
+    write(
+        "value", &SettingsManager::SetValue, &Settings::valueChanged,
         [this](const Result<int> &r, const std::string &, const std::string &, const std::string &sent) {
-            if (r && *r != 0)
-                setLastError(QStringLiteral("refused: %1").arg(*r));
-            else if (r)
-                assign(value_, QString::fromStdString(sent), &Settings::valueChanged);
+            if (*r != 0)
+                return QStringLiteral("refused: %1").arg(*r);
+            assign(value_, QString::fromStdString(sent), &Settings::valueChanged);
+            return QString();
         },
         section_.toStdString(), key_.toStdString(), value.toStdString());
 }

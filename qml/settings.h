@@ -16,7 +16,7 @@ namespace hmisvc::qml {
 /// Text { text: language.value }
 /// Button { onClicked: language.value = "de" }
 /// @endcode
-class Settings : public DeviceObject {
+class Settings : public hmisvc::qml::DeviceObject {
     Q_OBJECT
     QML_ELEMENT
     /// The section of the setting.

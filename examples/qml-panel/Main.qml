@@ -50,7 +50,11 @@ ApplicationWindow {
             Layout.fillWidth: true; Layout.fillHeight: true
             clip: true
             model: wifi.networks
-            delegate: Label { text: ssid + " (" + signal + " dBm)" }
+            delegate: Label {
+                required property string ssid
+                required property int signal
+                text: ssid + " (" + signal + " dBm)"
+            }
         }
         Label { objectName: "lastBroadcast"; text: broadcasts.last }
     }
