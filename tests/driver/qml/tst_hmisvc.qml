@@ -2,6 +2,7 @@
 // a failing service, broadcasts, and a stopped service while the GUI
 // thread goes on.
 import QtQuick
+import QtQuick.Controls
 import QtTest
 import Hmisvc
 
@@ -11,6 +12,9 @@ TestCase {
     property var lastBroadcast: null
 
     Backlight { id: backlight }
+    // As a page binds it; increase() moves it as a finger does, keeping the binding.
+    Slider { id: slider; to: Math.max(backlight.maximum, 1); stepSize: 1; value: backlight.brightness }
+    SignalSpy { id: written; target: backlight; signalName: "written" }
     Backlight { id: polled; refreshInterval: 100 }
     Beeper { id: beeper }
     Settings { id: setting; section: "qmltest"; key: "colour" }
@@ -82,6 +86,31 @@ TestCase {
         compare(sim.value("backlight.brightness"), before)
     }
 
+    function test_c_refusedWriteReportsAndTheSliderGoesBack() {
+        verify(sim.run(["set", "backlight.brightness", "10"]) !== null)
+        backlight.refresh()
+        tryCompare(slider, "value", 10, 20000)
+        compare(backlight.ready, true)
+        verify(sim.run(["set", "backlight.locked", "true"]) !== null)
+        written.clear()
+        slider.increase()
+        compare(slider.value, 11)
+        backlight.setBrightness(slider.value)
+        tryCompare(written, "count", 1, 20000)
+        verify(sim.run(["set", "backlight.locked", "false"]) !== null)
+        compare(Array.from(written.signalArguments[0]), ["setBrightness", false, "refused"])
+        compare(backlight.lastError, "refused")
+        compare(slider.value, 10)
+        compare(sim.value("backlight.brightness"), 10)
+
+        slider.increase()
+        backlight.setBrightness(slider.value)
+        tryCompare(written, "count", 2, 20000)
+        compare(Array.from(written.signalArguments[1]), ["setBrightness", true, ""])
+        compare(backlight.brightness, 11)
+        compare(slider.value, 11)
+    }
+
     function test_d_unknownSettingKey() {
         setting.key = "no-such-key"
         tryVerify(() => setting.lastError.indexOf("no such setting") === 0, 20000)
@@ -91,10 +120,14 @@ TestCase {
 
     function test_e_failingServiceGoesDownAndComesBack() {
         tryCompare(polled, "status", "up", 20000)
+        tryCompare(polled, "ready", true, 20000)
         verify(sim.run(["fail", "backlight"]) !== null)
         tryCompare(polled, "status", "down", 20000)
+        compare(polled.ready, false)
+        verify(polled.lastError !== "")
         verify(sim.run(["heal", "backlight"]) !== null)
         tryCompare(polled, "status", "up", 20000) // on its own: refreshInterval
+        tryCompare(polled, "ready", true, 20000)
     }
 
     function test_e_restartedServiceIsFollowed() {
@@ -149,6 +182,7 @@ TestCase {
                         " ms; longest GUI-thread stall " + stall.toFixed(1) + " ms")
             verify(stall < 10000, "the GUI thread waited for a call: " + stall + " ms")
             compare(slow.status, "up") // stopped is not dead
+            compare(slow.ready, true) // its values are the last answered
             slow.refresh()
             tryCompare(slow, "lastError", "", 20000)
         }
