@@ -40,8 +40,9 @@ class DeviceInfo : public hmisvc::qml::DeviceObject {
     Q_PROPERTY(int ramFree READ ramFree NOTIFY infoChanged)
     /// The components whose versions to ask for (the service names them).
     Q_PROPERTY(QStringList components READ components WRITE setComponents NOTIFY componentsChanged)
-    /// Each component's version, by name ("" for one the service does not know).
-    Q_PROPERTY(QVariantMap versions READ versions NOTIFY infoChanged)
+    /// Each component's version, by name ("" for one the service does not
+    /// know): an object, `versions.app` (a var: qmllint knows no keys of a map).
+    Q_PROPERTY(QVariant versions READ versions NOTIFY infoChanged)
 
 public:
     /// A device information object.
@@ -56,7 +57,7 @@ public:
     int ramFree() const { return ramFree_; }
     QStringList components() const { return components_; }
     void setComponents(const QStringList &components);
-    QVariantMap versions() const { return versions_; }
+    QVariant versions() const { return versions_; }
 
 signals:
     void infoChanged();

@@ -48,7 +48,8 @@ namespace hmisvc::qml {
 class DeviceObject : public QObject, public QQmlParserStatus {
     Q_OBJECT
     Q_INTERFACES(QQmlParserStatus)
-    QML_ANONYMOUS
+    QML_ELEMENT
+    QML_UNCREATABLE("DeviceObject is the base of the module's types: it is made as one of them")
     /// Where the service stands: "unknown" before its first answer, "up"
     /// once it answered, "down" when it died, failed a call or is not there.
     Q_PROPERTY(QString status READ status NOTIFY statusChanged)
