@@ -208,7 +208,7 @@ protected:
                 // Records have no comparison; their encodings tell whether they differ.
                 if (r && *r && Record(member).toString() != record.toString()) {
                     member = record;
-                    (static_cast<Self *>(this)->*changed)();
+                    notify(changed);
                 }
             },
             Record());
@@ -220,7 +220,7 @@ protected:
         if (member == value)
             return;
         member = value;
-        (static_cast<Self *>(this)->*changed)();
+        notify(changed);
     }
 
     /// Emits a subclass's @p changed signal.
