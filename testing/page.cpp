@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <glob.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -40,6 +41,36 @@ bool has_plugin(const std::string &dir)
     return stat((dir + "/generic/lib" + kPlugin + ".so").c_str(), &st) == 0;
 }
 
+// The plugin's directory: $HMISVC_QT_PLUGIN_PATH, else where this library's
+// packages install it, else under the prefix `hmisvc` is installed in; empty
+// leaves it to Qt's own plugin path.
+std::string plugin_dir()
+{
+    const char *named = std::getenv("HMISVC_QT_PLUGIN_PATH");
+    if (named && *named)
+        return named;
+    if (has_plugin(HMISVC_TESTING_QT_PLUGINS))
+        return HMISVC_TESTING_QT_PLUGINS;
+    std::string cli = std::getenv("HMISVC_CLI") ? std::getenv("HMISVC_CLI") : "";
+    for (std::string rest = std::getenv("PATH") ? std::getenv("PATH") : ""; cli.empty() && !rest.empty();) {
+        const std::string dir = rest.substr(0, rest.find(':'));
+        rest.erase(0, dir.size() + 1);
+        if (access((dir + "/hmisvc").c_str(), X_OK) == 0)
+            cli = dir + "/hmisvc";
+    }
+    char *real = cli.empty() ? nullptr : realpath(cli.c_str(), nullptr);
+    std::string found;
+    if (real) {
+        const std::string prefix = std::string(real).substr(0, std::string(real).rfind('/')) + "/..";
+        std::free(real);
+        glob_t matches{};
+        if (glob((prefix + "/lib/*/qt6/plugins/generic/lib" + kPlugin + ".so").c_str(), 0, nullptr, &matches) == 0)
+            found = std::string(matches.gl_pathv[0]).substr(0, std::string(matches.gl_pathv[0]).rfind("/generic/"));
+        globfree(&matches);
+    }
+    return found;
+}
+
 // Waits up to SECONDS for FD to be readable, or REPORTS (the App's status pipe) to be: 1, 2, 0 at the time-out.
 int await(int fd, int reports, double seconds)
 {
@@ -62,23 +93,30 @@ namespace detail {
 
 int inspect_listener(std::string &dir)
 {
+    // In hmisvc-run's guest /tmp is the host's over 9p, where no socket can
+    // be bound: then the guest's own /dev/shm.
     const char *tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/hmisvc-page.XXXXXX";
-    if (!mkdtemp(pattern.data()))
-        throw Refused("page inspection: cannot make a directory in " + pattern + ": " + std::strerror(errno));
-    dir = pattern;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = socket_path(dir);
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0 || path.size() >= sizeof address.sun_path ||
-        bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || listen(fd, 4) != 0) {
-        const std::string why = std::strerror(errno);
+    std::string why;
+    for (const std::string &base : {std::string(tmp && *tmp ? tmp : "/tmp"), std::string("/dev/shm")}) {
+        std::string pattern = base + "/hmisvc-page.XXXXXX";
+        if (!mkdtemp(pattern.data())) {
+            why = pattern + ": " + std::strerror(errno);
+            continue;
+        }
+        dir = pattern;
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        const std::string path = socket_path(dir);
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd >= 0 && path.size() < sizeof address.sun_path &&
+            bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 && listen(fd, 4) == 0)
+            return fd;
+        why = path + ": " + std::strerror(errno);
         inspect_close(fd, dir);
-        throw Refused("page inspection: cannot listen on " + path + ": " + why);
+        dir.clear();
     }
-    return fd;
+    throw Refused("page inspection: cannot listen on " + why);
 }
 
 std::vector<std::string> inspect_environment(const std::string &dir)
@@ -97,10 +135,8 @@ std::vector<std::string> inspect_environment(const std::string &dir)
         else if (name != "HMISVC_INSPECT")
             env.push_back(entry);
     }
-    // The build tree's plugin where named, else the one installed beside this library.
-    const char *named = std::getenv("HMISVC_QT_PLUGIN_PATH");
-    const std::string ours = named && *named ? named : HMISVC_TESTING_QT_PLUGINS;
-    if (has_plugin(ours))
+    const std::string ours = plugin_dir();
+    if (!ours.empty())
         plugin_path = plugin_path.empty() ? ours : ours + ':' + plugin_path;
     env.push_back("QT_QPA_GENERIC_PLUGINS=" + plugins);
     if (!plugin_path.empty())
@@ -164,13 +200,10 @@ std::string Page::ended()
 
 void Page::fail(const std::string &what)
 {
-    const std::string message = "'" + app_.command_ + "' (pid " + std::to_string(app_.pid_) + "): " + what +
-                                "; it printed:\n" + [&] {
-                                    const std::string out = app_.output();
-                                    return out.empty() ? std::string("  (nothing)\n") : out;
-                                }();
-    ADD_FAILURE() << message;
-    throw Refused(message);
+    const std::string who = "'" + app_.command_ + "' (pid " + std::to_string(app_.pid_) + "): " + what;
+    const std::string out = app_.output();
+    ADD_FAILURE() << who << "; it printed:\n" << (out.empty() ? "  (nothing)\n" : out);
+    throw Refused(who);
 }
 
 std::string Page::request(const std::string &request, double bound, bool timeout_ok)

@@ -22,6 +22,7 @@ import glob
 import json
 import os
 import select
+import shutil
 import socket
 import struct
 import tempfile
@@ -41,7 +42,7 @@ def plugin_path():
         return os.environ["HMISVC_QT_PLUGIN_PATH"]
     here = os.path.dirname(os.path.abspath(__file__))
     prefixes = [os.path.normpath(os.path.join(here, "../../../.."))]
-    cli = os.environ.get("HMISVC_CLI")
+    cli = os.environ.get("HMISVC_CLI") or shutil.which("hmisvc")
     if cli:
         prefixes.append(os.path.normpath(os.path.join(os.path.dirname(os.path.realpath(cli)), "..")))
     for prefix in prefixes:
@@ -89,6 +90,7 @@ class Page:
         self._buffer = b""
 
     def _fail(self, what):
+        __tracebackhide__ = True
         raise AssertionError(f"{self._app.describe()}: {what}; it printed:\n{self._app.output()}")
 
     def _ended(self):
@@ -96,6 +98,7 @@ class Page:
         return None if status is None else f"it ended with status {status}"
 
     def _accept(self, listener):
+        __tracebackhide__ = True
         deadline = CONNECT_TIMEOUT
         while True:
             ready = select.select([listener.socket, self._app._reports], [], [], deadline)[0]
@@ -114,12 +117,14 @@ class Page:
     def request(self, bound=0.0, **request):
         """Sends REQUEST; the answer (a dict) once it came, within BOUND seconds
         and a margin; a failed one fails the test."""
+        __tracebackhide__ = True  # a failure points at the test's own line
         answer = self._exchange(request, bound + ANSWER_MARGIN)
         if not answer.get("ok"):
             self._fail(answer.get("error", "the request failed"))
         return answer
 
     def _exchange(self, request, bound):
+        __tracebackhide__ = True
         try:
             self._socket.sendall(json.dumps(request).encode() + b"\n")
         except OSError as e:
@@ -138,6 +143,7 @@ class Page:
     def find(self, name=None, text=None):
         """The item of this objectName (or with this visible text); a miss fails
         the test with the nearest names on the page."""
+        __tracebackhide__ = True
         if (name is None) == (text is None):
             raise TypeError("find: give a name or text=")
         query = {"name": name} if name is not None else {"text": text}
@@ -145,6 +151,7 @@ class Page:
 
     def screenshot(self, path):
         """Saves the page's window as a PNG image at PATH."""
+        __tracebackhide__ = True
         self.request(op="screenshot", path=os.path.abspath(os.fspath(path)))
 
     def tree(self):
@@ -167,19 +174,23 @@ class Item:
         return f"<{self.description}>"
 
     def _request(self, op, bound=0.0, **request):
+        __tracebackhide__ = True
         return self._page.request(bound, op=op, **self._query, **request)
 
     def get(self, prop):
         """The property's value (a number, string, bool, list, dict or None)."""
+        __tracebackhide__ = True
         return self._request("get", prop=prop)["value"]
 
     def set(self, prop, value):
         """Writes the property; its value after."""
+        __tracebackhide__ = True
         return self._request("set", prop=prop, value=value)["value"]
 
     def wait(self, prop, value, timeout=5.0):
         """Returns once the property is VALUE (answered on its change signal);
         at the timeout an AssertionError naming the value it had."""
+        __tracebackhide__ = True
         answer = self._page._exchange({"op": "wait", **self._query, "prop": prop, "value": value,
                                        "timeout": timeout}, timeout + ANSWER_MARGIN)
         if answer.get("ok"):
@@ -191,13 +202,16 @@ class Item:
 
     def click(self):
         """A left mouse press and release at the item's centre."""
+        __tracebackhide__ = True
         self._request("click")
 
     def slide(self, value):
         """Moves a slider to VALUE as a user's drag ends (value, then moved());
         its value after."""
+        __tracebackhide__ = True
         return self._request("slide", value=value)["value"]
 
     def type(self, text):
         """Gives the item the focus and types TEXT, a key event each character."""
+        __tracebackhide__ = True
         self._request("type", keys=text)
