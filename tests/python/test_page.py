@@ -18,6 +18,7 @@ from hmisvc_pytest import page as page_module
 
 pytest_plugins = ["pytester"]
 PANEL = os.environ.get("QML_PANEL", "qml-panel")
+PAGE_APP = os.environ.get("PAGE_APP", "page_app")
 HMISVC = os.environ.get("HMISVC_CLI", "hmisvc")
 
 
@@ -50,6 +51,16 @@ def test_slide_and_click_reach_the_device(hmisvc_device, hmisvc_app):
     slider.click()
     call = hmisvc_device.wait_for_call("SetBrightness", since=since)[0]
     assert 40 <= call["args"][0] <= 60
+
+
+def test_typing_clicking_and_setting(hmisvc_app):
+    page = hmisvc_app([PAGE_APP]).page
+    page.find("field").type("Line 3: 42")
+    assert page.find("field").get("text") == "Line 3: 42"
+    page.find(text="Copy").click()
+    page.find("shown").wait("text", "Line 3: 42")
+    assert page.find("shown").set("text", "set") == "set"
+    assert 'Button text="Copy"' in page.tree()
 
 
 def test_screenshot_is_a_png(hmisvc_app, tmp_path):
