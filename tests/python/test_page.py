@@ -76,9 +76,9 @@ def test_an_ended_or_hung_application_fails_with_its_output(hmisvc_app, monkeypa
         with pytest.raises(AssertionError, match=r"not within 0.5 s(.|\n)*out \| waiting"):
             hmisvc_app(["sh", "-c", "echo waiting; exec sleep 600"]).page
     # A page that stops answering: each request is bounded.
-    monkeypatch.setattr(page_module, "ANSWER_MARGIN", 0.5)
     app = hmisvc_app([PANEL])
     slider = app.page.find("brightness")
+    monkeypatch.setattr(page_module, "ANSWER_MARGIN", 0.5)
     os.kill(app.pid, signal.SIGSTOP)
     try:
         with pytest.raises(AssertionError, match="did not answer get within 0.5 s .it hangs."):
