@@ -26,6 +26,7 @@ import shutil
 import socket
 import struct
 import tempfile
+import time
 
 # How long app.page waits for the application to connect.
 CONNECT_TIMEOUT = 10.0
@@ -99,20 +100,22 @@ class Page:
 
     def _accept(self, listener):
         __tracebackhide__ = True
-        deadline = CONNECT_TIMEOUT
-        while True:
-            ready = select.select([listener.socket, self._app._reports], [], [], deadline)[0]
-            if listener.socket in ready:
-                connection, _ = listener.socket.accept()
-                pid, uid, _ = struct.unpack("3i", connection.getsockopt(
-                    socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i")))
-                if uid == os.getuid():
-                    return connection
-                connection.close()
-                continue
-            why = self._ended() or f"not within {CONNECT_TIMEOUT} s"
-            self._fail(f"its page could not be reached ({why}): is it a Qt Quick application, "
-                       f"and is {PLUGIN} installed in Qt's plugin path or $HMISVC_QT_PLUGIN_PATH?")
+        deadline = time.monotonic() + CONNECT_TIMEOUT
+        while self._app._reports is not None:
+            left = deadline - time.monotonic()
+            ready = select.select([listener.socket, self._app._reports], [], [], max(left, 0))[0]
+            if listener.socket not in ready:
+                break
+            connection, _ = listener.socket.accept()
+            _, uid, _ = struct.unpack("3i", connection.getsockopt(
+                socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i")))
+            # Only a process of this user is taken for the application.
+            if uid == os.getuid():
+                return connection
+            connection.close()
+        why = self._ended() or f"not within {CONNECT_TIMEOUT} s"
+        self._fail(f"its page could not be reached ({why}): is it a Qt Quick application, "
+                   f"and is {PLUGIN} installed in Qt's plugin path or $HMISVC_QT_PLUGIN_PATH?")
 
     def request(self, bound=0.0, **request):
         """Sends REQUEST; the answer (a dict) once it came, within BOUND seconds
