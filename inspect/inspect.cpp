@@ -463,6 +463,7 @@ class InspectPlugin : public QGenericPlugin {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID QGenericPluginFactoryInterface_iid FILE "hmisvcinspect.json")
 public:
+    // Where it does not inspect, an inert object: Qt takes none for a missing plugin.
     QObject *create(const QString &key, const QString &) override
     {
         if (key.compare("hmisvcinspect", Qt::CaseInsensitive) != 0)
@@ -471,26 +472,27 @@ public:
         const QString path = qEnvironmentVariable("HMISVC_INSPECT");
         qunsetenv("HMISVC_INSPECT");
         if (path.isEmpty())
-            return nullptr;
+            return new QObject;
         // The socket's directory is the test's own: another user could
         // otherwise have put a socket of theirs there.
         struct stat dir {};
         const QString dirPath = QFileInfo(path).absolutePath();
         if (stat(QFile::encodeName(dirPath).constData(), &dir) != 0 || dir.st_uid != getuid() || (dir.st_mode & 077)) {
             say(QString("not inspecting: %1 must be a directory of this user's only (mode 0700)").arg(dirPath));
-            return nullptr;
+            return new QObject;
         }
         auto *socket = new QLocalSocket;
         socket->connectToServer(path);
         if (!socket->waitForConnected(5000)) {
-            say(QString("not inspecting: cannot reach %1: %2").arg(path, socket->errorString()));
+            say(QString("not inspecting: cannot reach %1: %2")
+                    .arg(path, QFileInfo::exists(path) ? socket->errorString() : QString("no such socket")));
             delete socket;
-            return nullptr;
+            return new QObject;
         }
         if (peerUid(int(socket->socketDescriptor())) != getuid()) {
             say(QString("not inspecting: %1 is served by another user").arg(path));
             delete socket;
-            return nullptr;
+            return new QObject;
         }
         return new Inspector(socket);
     }
