@@ -14,6 +14,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -42,8 +43,8 @@ bool has_plugin(const std::string &dir)
 }
 
 // The plugin's directory: $HMISVC_QT_PLUGIN_PATH, else where this library's
-// packages install it, else under the prefix `hmisvc` is installed in; empty
-// leaves it to Qt's own plugin path.
+// packages install it, else under the prefix `hmisvc` is installed in, or
+// /usr; empty where it is nowhere.
 std::string plugin_dir()
 {
     const char *named = std::getenv("HMISVC_QT_PLUGIN_PATH");
@@ -58,13 +59,18 @@ std::string plugin_dir()
         if (access((dir + "/hmisvc").c_str(), X_OK) == 0)
             cli = dir + "/hmisvc";
     }
-    char *real = cli.empty() ? nullptr : realpath(cli.c_str(), nullptr);
-    std::string found;
-    if (real) {
-        const std::string prefix = std::string(real).substr(0, std::string(real).rfind('/')) + "/..";
+    std::vector<std::string> prefixes;
+    if (char *real = cli.empty() ? nullptr : realpath(cli.c_str(), nullptr)) {
+        const std::string at = real;
         std::free(real);
+        prefixes.push_back(at.substr(0, at.rfind('/')) + "/..");
+    }
+    prefixes.push_back("/usr");
+    std::string found;
+    for (const std::string &prefix : prefixes) {
         glob_t matches{};
-        if (glob((prefix + "/lib/*/qt6/plugins/generic/lib" + kPlugin + ".so").c_str(), 0, nullptr, &matches) == 0)
+        if (found.empty() &&
+            glob((prefix + "/lib/*/qt6/plugins/generic/lib" + kPlugin + ".so").c_str(), 0, nullptr, &matches) == 0)
             found = std::string(matches.gl_pathv[0]).substr(0, std::string(matches.gl_pathv[0]).rfind("/generic/"));
         globfree(&matches);
     }
@@ -121,27 +127,27 @@ int inspect_listener(std::string &dir)
 
 std::vector<std::string> inspect_environment(const std::string &dir)
 {
-    std::string plugins = kPlugin, plugin_path;
+    // Asked for only where the plugin is: Qt would warn of a missing one in every Qt program.
+    const std::string ours = plugin_dir();
+    std::string plugins = kPlugin, plugin_path = ours;
     std::vector<std::string> env;
     for (char **e = environ; *e; ++e) {
         const std::string entry = *e;
         const std::string name = entry.substr(0, entry.find('='));
-        const std::string value = entry.substr(name.size() + (entry.size() > name.size() ? 1 : 0));
-        if (name == "QT_QPA_GENERIC_PLUGINS" && !value.empty())
+        const std::string value = entry.substr(std::min(entry.size(), name.size() + 1));
+        if (ours.empty() || (name != "QT_QPA_GENERIC_PLUGINS" && name != "QT_PLUGIN_PATH" && name != "HMISVC_INSPECT"))
+            env.push_back(entry);
+        else if (name == "QT_QPA_GENERIC_PLUGINS" && !value.empty())
             plugins = (',' + value + ',').find(std::string(",") + kPlugin + ',') == std::string::npos
                           ? value + ',' + kPlugin : value;
-        else if (name == "QT_PLUGIN_PATH")
-            plugin_path = value;
-        else if (name != "HMISVC_INSPECT")
-            env.push_back(entry);
+        else if (name == "QT_PLUGIN_PATH" && !value.empty())
+            plugin_path += ':' + value;
     }
-    const std::string ours = plugin_dir();
-    if (!ours.empty())
-        plugin_path = plugin_path.empty() ? ours : ours + ':' + plugin_path;
-    env.push_back("QT_QPA_GENERIC_PLUGINS=" + plugins);
-    if (!plugin_path.empty())
+    if (!ours.empty()) {
+        env.push_back("QT_QPA_GENERIC_PLUGINS=" + plugins);
         env.push_back("QT_PLUGIN_PATH=" + plugin_path);
-    env.push_back("HMISVC_INSPECT=" + socket_path(dir));
+        env.push_back("HMISVC_INSPECT=" + socket_path(dir));
+    }
     return env;
 }
 
@@ -173,7 +179,7 @@ Page::Page(App &app, int listener) : app_(app)
         if (ready != 1)
             fail("its page could not be reached (" + (ready == 2 ? ended() : "not within 10 s") +
                  "): is it a Qt Quick application, and is " + kPlugin +
-                 " in Qt's plugin path or $HMISVC_QT_PLUGIN_PATH?");
+                 " installed (qml6-module-hmisvc, or $HMISVC_QT_PLUGIN_PATH)?");
         const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         ucred peer{};
         socklen_t size = sizeof peer;

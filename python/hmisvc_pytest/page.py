@@ -37,8 +37,8 @@ PLUGIN = "hmisvcinspect"
 
 def plugin_path():
     """The directory holding generic/libhmisvcinspect.so: $HMISVC_QT_PLUGIN_PATH,
-    else under the prefix this package or `hmisvc` is installed in; None
-    leaves it to Qt's own plugin path."""
+    else under the prefix this package or `hmisvc` is installed in, or /usr;
+    None where it is nowhere."""
     if os.environ.get("HMISVC_QT_PLUGIN_PATH"):
         return os.environ["HMISVC_QT_PLUGIN_PATH"]
     here = os.path.dirname(os.path.abspath(__file__))
@@ -46,7 +46,7 @@ def plugin_path():
     cli = os.environ.get("HMISVC_CLI") or shutil.which("hmisvc")
     if cli:
         prefixes.append(os.path.normpath(os.path.join(os.path.dirname(os.path.realpath(cli)), "..")))
-    for prefix in prefixes:
+    for prefix in prefixes + ["/usr"]:
         for found in glob.glob(os.path.join(prefix, "lib", "*", "qt6", "plugins", "generic", f"lib{PLUGIN}.so")):
             return os.path.dirname(os.path.dirname(found))
     return None
@@ -63,14 +63,15 @@ class Listener:
         self.socket.listen(4)
 
     def environment(self, env):
-        """ENV (a mapping) with inspection asked for."""
+        """ENV (a mapping) with inspection asked for, where the plugin is
+        installed (elsewhere Qt would warn of it in every Qt program)."""
         env = dict(env)
-        plugins = [p for p in env.get("QT_QPA_GENERIC_PLUGINS", "").split(",") if p]
-        env["QT_QPA_GENERIC_PLUGINS"] = ",".join(plugins + [PLUGIN] if PLUGIN not in plugins else plugins)
         where = plugin_path()
         if where:
+            plugins = [p for p in env.get("QT_QPA_GENERIC_PLUGINS", "").split(",") if p]
+            env["QT_QPA_GENERIC_PLUGINS"] = ",".join(plugins + [PLUGIN] if PLUGIN not in plugins else plugins)
             env["QT_PLUGIN_PATH"] = os.pathsep.join(p for p in (where, env.get("QT_PLUGIN_PATH")) if p)
-        env["HMISVC_INSPECT"] = self.path
+            env["HMISVC_INSPECT"] = self.path
         return env
 
     def close(self):
@@ -114,8 +115,8 @@ class Page:
                 return connection
             connection.close()
         why = self._ended() or f"not within {CONNECT_TIMEOUT} s"
-        self._fail(f"its page could not be reached ({why}): is it a Qt Quick application, "
-                   f"and is {PLUGIN} installed in Qt's plugin path or $HMISVC_QT_PLUGIN_PATH?")
+        self._fail(f"its page could not be reached ({why}): is it a Qt Quick application, and is "
+                   f"{PLUGIN} installed (qml6-module-hmisvc, or $HMISVC_QT_PLUGIN_PATH)?")
 
     def request(self, bound=0.0, **request):
         """Sends REQUEST; the answer (a dict) once it came, within BOUND seconds
