@@ -178,7 +178,9 @@ system services (device information, backlight, beeper, date and time,
 Ethernet, 4G modem, Wi-Fi with its scan list as a model, network selection,
 remote access, settings, broadcasts). Every call runs off the GUI thread with
 a time limit; each object shows whether its service is up and why a call
-failed.")
+failed. With it comes hmisvcinspect, a Qt plugin through which the hmisvc
+test fixtures inspect a Qt Quick page; it is loaded only when a test's
+environment names it.")
 
 # The pytest plugin: pure Python, one package for every architecture.
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-hmisvc)

@@ -2,6 +2,8 @@
 // supervising process, read, matched, stopped with all it started.
 #include <hmisvc/testing.h>
 
+#include "inspect.h"
+
 #include <re2/re2.h>
 
 #include <fcntl.h>
@@ -50,7 +52,7 @@ std::size_t children(pid_t *out, std::size_t max)
     return count;
 }
 
-[[noreturn]] void supervise(pid_t runner, char *const *argv, int in, int out, int reports)
+[[noreturn]] void supervise(pid_t runner, char *const *argv, char *const *envp, int in, int out, int reports)
 {
     // The fds it keeps at 0-3, every other one of the test program closed.
     int keep[3] = {fcntl(in, F_DUPFD, 10), fcntl(out, F_DUPFD, 10), fcntl(reports, F_DUPFD, 10)};
@@ -81,7 +83,7 @@ std::size_t children(pid_t *out, std::size_t max)
         sigprocmask(SIG_SETMASK, &before, nullptr);
         signal(SIGPIPE, SIG_DFL);
         close(kReports);
-        execvp(argv[0], argv);
+        execvpe(argv[0], argv, envp);
         int error = errno;
         say(argv[0]);
         say(": ");
@@ -146,6 +148,12 @@ App::App(const std::vector<std::string> &argv) : owner_(getpid()), started_(std:
         args.push_back(const_cast<char *>(a.c_str()));
     }
     args.push_back(nullptr);
+    inspect_ = detail::inspect_listener(inspect_dir_);
+    const std::vector<std::string> environment = detail::inspect_environment(inspect_dir_);
+    std::vector<char *> envp;
+    for (const std::string &e : environment)
+        envp.push_back(const_cast<char *>(e.c_str()));
+    envp.push_back(nullptr);
     int in[2], out[2], reports[2];
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(reports, O_CLOEXEC) != 0)
         throw Refused(std::string("pipe: ") + std::strerror(errno));
@@ -153,7 +161,7 @@ App::App(const std::vector<std::string> &argv) : owner_(getpid()), started_(std:
     signal(SIGPIPE, SIG_IGN);
     supervisor_ = fork();
     if (supervisor_ == 0)
-        supervise(owner_, args.data(), in[0], out[1], reports[1]);
+        supervise(owner_, args.data(), envp.data(), in[0], out[1], reports[1]);
     for (int fd : {in[0], out[1], reports[1]})
         close(fd);
     input_ = in[1];
@@ -167,6 +175,7 @@ App::App(const std::vector<std::string> &argv) : owner_(getpid()), started_(std:
             waitpid(supervisor_, nullptr, 0);
         for (int fd : {in[1], out[0], reports[0]})
             close(fd);
+        detail::inspect_close(inspect_, inspect_dir_);
         throw Refused("'" + command_ + "' could not be started (" + std::strerror(error) + ")");
     }
     reader_ = std::thread(&App::read_output, this, out[0]);
@@ -311,6 +320,8 @@ int App::stop()
     while (waitpid(supervisor_, nullptr, 0) < 0 && errno == EINTR) {
     }
     supervisor_ = -1;
+    page_.reset();
+    detail::inspect_close(inspect_, inspect_dir_);
     close(reports_);
     close(input_);
     reader_.join();

@@ -196,13 +196,22 @@ def hmisvc_app(request):
         app.stop()
 
 
+def _add_section(report, title, text):
+    """In the failure itself, so that JUnit XML (--junitxml) carries it too,
+    as well as the terminal."""
+    if hasattr(report.longrepr, "addsection"):
+        report.longrepr.addsection(title, text)
+    else:
+        report.sections.append((title, text))
+
+
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
     report = (yield).get_result()
     if not report.failed:
         return
     for app in getattr(item, "_hmisvc_apps", []):
-        report.sections.append((f"hmisvc: output of {app.describe()}", app.output()))
+        _add_section(report, f"hmisvc: output of {app.describe()}", app.output())
     device = getattr(item, "_hmisvc_device", None)
     if device is not None and not getattr(item, "_hmisvc_calls_shown", False):
         item._hmisvc_calls_shown = True
@@ -210,4 +219,4 @@ def pytest_runtest_makereport(item, call):
             calls = format_calls(device.calls())
         except (HmisvcError, pytest.fail.Exception, ValueError) as e:
             calls = f"  (the call log could not be read: {e})"
-        report.sections.append(("hmisvc: calls that came", calls))
+        _add_section(report, "hmisvc: calls that came", calls)

@@ -11,6 +11,8 @@ import threading
 import time
 import tty
 
+from .page import Listener, Page
+
 # How long a stopped application has after SIGTERM before SIGKILL.
 STOP_GRACE = 5.0
 _SUPERVISE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "supervise.py")
@@ -48,10 +50,14 @@ class App:
     child subreaper with a parent-death signal) that kills every process it
     started when the App stops or this process dies, those that called setsid
     included. Its standard output and error are kept whole, each line with
-    the time it came, for `expect` and for the failure report."""
+    the time it came, for `expect` and for the failure report. A Qt Quick
+    application's page is `page` (see page.py)."""
 
     def __init__(self, command, env=None, cwd=None):
         self.command = command
+        self._listener = Listener()
+        self._page = None
+        env = self._listener.environment(os.environ if env is None else env)
         self._lock = threading.Condition()
         self._lines = []  # (seconds since start, stream, text)
         # Both streams as they came, for expect: whole lines, then the unfinished one.
@@ -72,6 +78,7 @@ class App:
                 stderr=channels["err"][1], pass_fds=(reports_w,), start_new_session=True)
         except BaseException:
             os.close(reports)
+            self._listener.close()
             raise
         finally:
             for _, write_end in channels.values():
@@ -81,6 +88,7 @@ class App:
         line = self._reports.readline()
         if not line:
             self.process.wait()
+            self._listener.close()
             raise RuntimeError(f"{command!r} could not be started (its supervisor ended)")
         self.pid = int(line)
         _running.add(self)
@@ -152,6 +160,13 @@ class App:
         why = f"it ended with status {ended}" if ended is not None else f"not within {timeout} s"
         raise AssertionError(f"{self.describe()} did not print /{pattern}/ ({why}); it printed:\n{self.output()}")
 
+    @property
+    def page(self):
+        """Its Qt Quick page (a Page), reached on first use."""
+        if self._page is None:
+            self._page = Page(self, self._listener)
+        return self._page
+
     def send(self, text):
         """Writes TEXT to the application's standard input."""
         self.process.stdin.write(text.encode())
@@ -199,6 +214,9 @@ class App:
             self._await(STOP_GRACE)
         self.process.terminate()
         self._await(None)
+        if self._page is not None:
+            self._page.close()
+        self._listener.close()
         self.process.wait()
         self._reports.close()
         self._reports = None

@@ -11,12 +11,15 @@
 #ifndef HMISVC_TESTING_H
 #define HMISVC_TESTING_H
 
+#include <hmisvc/testing_page.h>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -94,7 +97,8 @@ private:
 // subreaper, with a parent-death signal on the thread that made the App)
 // starts it in a process group of its own and, when the App stops or the
 // test program dies however it died, kills every process it started, those
-// that called setsid included. Make and end an App in the same thread.
+// that called setsid included. Make and end an App in the same thread. A Qt
+// Quick application's page is page() (see hmisvc/testing_page.h).
 class App {
 public:
     explicit App(const std::vector<std::string> &argv);
@@ -116,8 +120,11 @@ public:
     // In a process the test program forked, it does nothing.
     int stop();
     pid_t pid() const { return pid_; }
+    // Its Qt Quick page, reached on first use (waiting up to 10 s for it).
+    Page &page();
 
 private:
+    friend class Page;
     void read_output(int fd);
     bool await_status(int timeout_ms);
 
@@ -132,6 +139,9 @@ private:
     std::size_t pos_ = 0;
     bool open_ = true, idle_ = false;
     std::thread reader_;
+    int inspect_ = -1;
+    std::string inspect_dir_;
+    std::unique_ptr<Page> page_;
 };
 
 // A test of the application against the device: the device is reset before

@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -286,4 +287,46 @@ TEST(App, ExpectOnLongLinesPromptsAndBadPatterns)
     auto failed = failures_of([&] { app.expect("(unclosed"); });
     ASSERT_EQ(failed.size(), 1u);
     EXPECT_NE(failed[0].find("not a regular expression"), std::string::npos) << failed[0];
+}
+
+// A Qt Quick page (QML_PANEL, where the build has one): a miss names the
+// nearest items, a wait ends on the change or names what the property had,
+// and an application that ended fails the test with its output.
+TEST_F(Fixture, PageInspection)
+{
+    const char *panel = std::getenv("QML_PANEL");
+    if (!panel || !*panel)
+        GTEST_SKIP() << "no QML panel in this build";
+    hmisvc::testing::App app({panel});
+    struct Case {
+        std::function<void()> call;
+        const char *says;
+    };
+    const Case misses[] = {
+        {[&] { app.page().find("brightnes"); }, "nearest: \"brightness\", \"brightnessLabel\""},
+        {[&] { app.page().findText("Wi-Fi network"); }, "nearest: \"Wi-Fi networks\""},
+        {[&] { app.page().find("brightness").get("valu"); }, "no property \"valu\"; nearest: \"value\""},
+    };
+    for (const Case &c : misses) {
+        bool thrown = false;
+        auto failed = failures_of(c.call, &thrown);
+        EXPECT_TRUE(thrown);
+        ASSERT_EQ(failed.size(), 1u);
+        EXPECT_NE(failed[0].find(c.says), std::string::npos) << failed[0];
+    }
+    hmisvc::testing::Item label = app.page().find("brightnessLabel");
+    ASSERT_TRUE(label.wait("text", "Brightness 80 of 100"));
+    device.set("backlight.brightness", "30");
+    EXPECT_TRUE(label.wait("text", "Brightness 30 of 100"));
+    auto failed = failures_of([&] { EXPECT_FALSE(label.wait("text", "never", 0.2)); });
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_NE(failed[0].find("text is \"Brightness 30 of 100\", not \"never\""), std::string::npos) << failed[0];
+
+    hmisvc::testing::App gone({"sh", "-c", "echo bye; exit 3"});
+    bool thrown = false;
+    failed = failures_of([&] { gone.page(); }, &thrown);
+    EXPECT_TRUE(thrown);
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_NE(failed[0].find("ended with status 3"), std::string::npos) << failed[0];
+    EXPECT_NE(failed[0].find("| bye"), std::string::npos) << failed[0];
 }
