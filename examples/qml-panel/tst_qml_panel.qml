@@ -14,7 +14,7 @@ TestCase {
     function init() {
         device.reset()
         page = createTemporaryObject(Qt.createComponent(Qt.resolvedUrl("Main.qml")), null)
-        tryCompare(find("backlightStatus"), "text", "backlight: up")
+        tryCompare(find("backlightStatus"), "text", "backlight: up", 20000)
     }
     function find(name) { return findChild(page.contentItem, name) }
 
@@ -27,9 +27,9 @@ TestCase {
 
     function test_backlight_down_and_back() {
         device.fail("backlight")
-        tryVerify(() => find("backlightStatus").text.startsWith("backlight: down"))
+        tryVerify(() => find("backlightStatus").text.startsWith("backlight: down"), 20000)
         device.heal("backlight")
-        tryCompare(find("backlightStatus"), "text", "backlight: up")
+        tryCompare(find("backlightStatus"), "text", "backlight: up", 20000)
     }
 
     // The list keeps the last answer while the service is down; the status
@@ -38,12 +38,13 @@ TestCase {
         const status = find("wifiStatus"), seen = []
         status.textChanged.connect(() => seen.push(status.text))
         device.play({steps: [{at: 1, crash: "wifiinfo"}, {at: 3, restart: "wifiinfo"}]})
-        tryVerify(() => seen.some(t => t.startsWith("Wi-Fi: down")) && status.text === "Wi-Fi: up", 10000)
+        tryVerify(() => seen.some(t => t.startsWith("Wi-Fi: down")) && status.text === "Wi-Fi: up", 20000)
         verify(find("networks").count > 0)
     }
 
     function test_broadcast_shown() {
+        tryCompare(find("broadcastsStatus"), "text", "broadcasts: up", 20000)
         device.broadcast("hmi.action.show.settings", {page: 2})
-        tryCompare(find("lastBroadcast"), "text", "hmi.action.show.settings page=2")
+        tryCompare(find("lastBroadcast"), "text", "hmi.action.show.settings page=2", 20000)
     }
 }
