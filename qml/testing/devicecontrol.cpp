@@ -25,6 +25,8 @@ ControlArg text(const QString &s) { return {true, s.toStdString(), 0}; }
 ControlArg text(std::string s) { return {true, std::move(s), 0}; }
 ControlArg word(int32_t n) { return {false, {}, n}; }
 
+template <class J> std::string compact(const J &json) { return QJsonDocument(json).toJson(QJsonDocument::Compact).toStdString(); }
+
 // The longest a scenario can run by its times: the sum of every time in it
 // (a bound, as "after" steps start from calls).
 double scenario_seconds(const std::string &document)
@@ -154,6 +156,21 @@ bool DeviceControl::document(const char *verb, const QJSValue &given, std::strin
     return true;
 }
 
+bool DeviceControl::optional(const char *verb, const char *what, const QJSValue &given, bool array, QJsonValue &out)
+{
+    out = QJsonValue::Undefined;
+    if (given.isUndefined() || given.isNull())
+        return true;
+    const QJsonDocument doc = QJsonDocument::fromJson(json(given).toUtf8());
+    if (array ? !doc.isArray() : !doc.isObject()) {
+        fail_with(QString("DeviceControl.%1: %2: expected %3, got %4")
+                      .arg(verb, what, array ? "an array" : "an object", json(given)));
+        return false;
+    }
+    out = array ? QJsonValue(doc.array()) : QJsonValue(doc.object());
+    return true;
+}
+
 void DeviceControl::set(const QString &key, const QJSValue &value) { done("set", kSet, {text(key), text(json(value))}); }
 
 void DeviceControl::load(const QJSValue &document_or_path)
@@ -180,22 +197,24 @@ void DeviceControl::clearCalls() { done("clearCalls", kClearCalls, {}); }
 
 void DeviceControl::broadcast(const QString &action, const QJSValue &ints, const QJSValue &strings)
 {
-    auto object = [this](const QJSValue &v) { return v.isUndefined() || v.isNull() ? QString("{}") : json(v); };
-    done("broadcast", kBroadcast,
-         {text(action), text(QString(R"({"ints": %1, "strings": %2})").arg(object(ints), object(strings)))});
+    QJsonValue i, s;
+    if (optional("broadcast", "ints", ints, false, i) && optional("broadcast", "strings", strings, false, s))
+        done("broadcast", kBroadcast, {text(action), text(compact(QJsonObject{{"ints", i.toObject()}, {"strings", s.toObject()}}))});
 }
 
 void DeviceControl::reply(const QString &method, const QJSValue &answers)
 {
     // Values as JSON texts; the words as they are.
     static const QRegularExpression word_answer(QRegularExpression::anchoredPattern("fail|status:-?\\d+|delay:\\d+"));
+    QJsonValue given;
+    if (!optional("reply", "answers", answers, true, given))
+        return;
     QJsonArray texts;
-    const int n = answers.isArray() ? answers.property("length").toInt() : 0;
-    for (int i = 0; i < n; ++i) {
+    for (int i = 0, n = given.toArray().size(); i < n; ++i) {
         QJSValue a = answers.property(i);
         texts.append(a.isString() && word_answer.match(a.toString()).hasMatch() ? a.toString() : json(a));
     }
-    done("reply", kReply, {text(method), text(QJsonDocument(texts).toJson(QJsonDocument::Compact).toStdString())});
+    done("reply", kReply, {text(method), text(compact(texts))});
 }
 
 void DeviceControl::play(const QJSValue &scenario)
@@ -220,10 +239,13 @@ QJSValue DeviceControl::state()
 QJSValue DeviceControl::calls(const QJSValue &filter)
 {
     // The log comes in pages of what a reply holds.
-    QJsonObject f = QJsonDocument::fromJson(json(filter.isUndefined() ? QJSValue(QJSValue::NullValue) : filter).toUtf8()).object();
+    QJsonValue given;
+    if (!optional("calls", "filter", filter, false, given))
+        return {};
+    QJsonObject f = given.toObject();
     QJsonArray all;
     for (;;) {
-        Answer a = done("calls", kCalls, {text(QJsonDocument(f).toJson(QJsonDocument::Compact).toStdString())});
+        Answer a = done("calls", kCalls, {text(compact(f))});
         if (a.code != 0)
             return {};
         const QJsonObject page = QJsonDocument::fromJson(QByteArray::fromStdString(a.text)).object();
@@ -234,7 +256,7 @@ QJSValue DeviceControl::calls(const QJSValue &filter)
             break;
         f["since"] = got.last().toObject().value("seq");
     }
-    return parsed(QJsonDocument(all).toJson(QJsonDocument::Compact).toStdString());
+    return parsed(compact(all));
 }
 
 double DeviceControl::mark()
@@ -245,14 +267,16 @@ double DeviceControl::mark()
 
 QJSValue DeviceControl::waitForCall(const QString &method, const QJSValue &args, double timeout, const QJSValue &filter)
 {
-    QJsonObject request = QJsonDocument::fromJson(json(filter.isUndefined() ? QJSValue(QJSValue::NullValue) : filter).toUtf8()).object();
+    QJsonValue given, wanted;
+    if (!optional("waitForCall", "filter", filter, false, given) || !optional("waitForCall", "args", args, true, wanted))
+        return {};
+    QJsonObject request = given.toObject();
     request["method"] = method;
     request["timeout"] = timeout;
-    const bool with_args = !args.isUndefined() && !args.isNull();
+    const bool with_args = wanted.isArray();
     if (with_args)
-        request["args"] = QJsonDocument::fromJson(json(args).toUtf8()).array();
-    Answer a = ask("waitForCall", kWaitCall, {text(QJsonDocument(request).toJson(QJsonDocument::Compact).toStdString())},
-                   timeout);
+        request["args"] = wanted;
+    Answer a = ask("waitForCall", kWaitCall, {text(compact(request))}, timeout);
     if (a.code == 0)
         return parsed(a.text);
     if (a.code < 0)

@@ -9,6 +9,7 @@
 #include "control_client.h"
 
 #include <QJSValue>
+#include <QJsonValue>
 #include <QObject>
 #include <QString>
 #include <QtQml/qqmlregistration.h>
@@ -111,6 +112,9 @@ private:
     void fail_with(const QString &message);
     QString json(const QJSValue &value);
     QJSValue parsed(const std::string &text);
+    // An optional object or array argument: `out` undefined when not
+    // given; false after throwing when it is not of that kind.
+    bool optional(const char *verb, const char *what, const QJSValue &given, bool array, QJsonValue &out);
     // A document given as an object, a JSON text or a file's path, as JSON text.
     bool document(const char *verb, const QJSValue &given, std::string &text);
 
