@@ -52,8 +52,11 @@ public:
     /// CALLS; with STATUS (not 0) they get that status reply, with DELAYMS a
     /// normal answer that late.
     Q_INVOKABLE void fail(const QString &service, int calls = -1, int status = 0, int delayMs = 0);
+    /// Ends fail() for the service.
     Q_INVOKABLE void heal(const QString &service);
+    /// Publishes the service with the service manager again.
     Q_INVOKABLE void publish(const QString &service);
+    /// Removes the service's name from the service manager.
     Q_INVOKABLE void unpublish(const QString &service);
     /// The service's process dies at once (holders get its death
     /// notification); back after RESTARTAFTERMS, or at restart() when below 0.
