@@ -1,5 +1,6 @@
 #include "sim.h"
 
+#include "control_client.h"
 #include "json_text.h"
 #include "svcmgr_client.h"
 
@@ -7,7 +8,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <cerrno>
 #include <climits>
 #include <fstream>
 #include <iomanip>
@@ -21,19 +21,11 @@ namespace cli {
 
 namespace {
 
-// The simulator's control service and its codes (its method table's order).
-constexpr const char *kControl = "devsim.control";
-enum Code : uint32_t {
-    kDump, kSet, kFail, kHeal, kPublish, kUnpublish, kLoadState,
-    kCalls, kMark, kWaitCall, kClearCalls, kReply, kReset, kPlay, kBroadcast,
-    kCrash, kRestart, kProcesses
-};
-
-// Room for the largest answer, a dump of the state.
-constexpr uint32_t kMapSize = 1024 * 1024;
+using namespace hmisvc::tools::control;
+using Arg = hmisvc::tools::ControlArg;
 
 struct Connection {
-    binder_connection *bs = binder_open(kMapSize);
+    binder_connection *bs = binder_open(hmisvc::tools::kControlMapSize);
     ~Connection()
     {
         if (bs)
@@ -41,55 +33,14 @@ struct Connection {
     }
 };
 
-// One word argument or one string argument, in request order.
-struct Arg {
-    bool text;
-    std::string s;
-    int32_t n;
-};
-
 // Calls the control service: its result (0 done, 1 failed, 2 refused) with
 // its answer text, or -1 after saying why there is none.
 int ask(uint32_t code, const std::vector<Arg> &args, std::string &answer)
 {
-    Connection c;
-    if (!c.bs)
-        return -1;
-    uint32_t handle = svcmgr_lookup(c.bs, SVCMGR_HANDLE, kControl);
-    if (!handle) {
-        std::cerr << "hmisvc: no simulator is running (\"" << kControl << "\" is not registered)" << std::endl;
-        return -1;
-    }
-    std::size_t size = 64;
-    for (const Arg &a : args)
-        size += a.s.size() + 8;
-    std::vector<char> area(size);
-    binder_io msg, reply;
-    bio_init(&msg, area.data(), static_cast<uint32_t>(area.size()), 4);
-    bio_put_uint32(&msg, 0);
-    for (const Arg &a : args)
-        a.text ? bio_put_string(&msg, a.s.c_str()) : bio_put_uint32(&msg, static_cast<uint32_t>(a.n));
-    if (binder_call(c.bs, &msg, &reply, handle, code) != 0) {
-        std::cerr << "hmisvc: the simulator did not answer" << std::endl;
-        return -1;
-    }
-    bool status_only = reply.data_left == sizeof(uint32_t);
-    int32_t result = static_cast<int32_t>(bio_get_uint32(&reply));
-    uint32_t len = 0;
-    const char *text = status_only ? nullptr : bio_get_string(&reply, &len);
-    answer = text ? std::string(text, len) : std::string();
-    binder_done(c.bs, &msg, &reply);
-    if (!text) {
-        if (result == -EMSGSIZE)
-            std::cerr << "hmisvc: the answer is larger than the simulator's reply area" << std::endl;
-        else if (result == -ENOSYS)
-            std::cerr << "hmisvc: the simulator running does not know this command (an older hmisvc-devsim?)"
-                      << std::endl;
-        else
-            std::cerr << "hmisvc: the simulator refused the request (status " << result << ")" << std::endl;
-        return -1;
-    }
-    return result == 0 ? 0 : result == 2 ? 2 : 1;
+    int result = hmisvc::tools::control_call(code, args, answer);
+    if (result < 0)
+        std::cerr << "hmisvc: " << answer << std::endl;
+    return result;
 }
 
 // Calls the control service; prints its answer (to stdout when it did what

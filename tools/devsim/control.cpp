@@ -572,15 +572,21 @@ void Control::remember_start(const std::set<std::string> &published)
 Result Control::reset()
 {
     holds_.end_all("the device was reset");
-    std::lock_guard<std::mutex> hold(simulator_.lock());
-    try {
-        StateJson::load(device_, start_);
-    } catch (const JsonError &e) {  // the start state was taken as it was
-        return {Result::kFailed, std::string("the start state does not load back: ") + e.what()};
+    {
+        std::lock_guard<std::mutex> hold(simulator_.lock());
+        try {
+            StateJson::load(device_, start_);
+        } catch (const JsonError &e) {  // the start state was taken as it was
+            return {Result::kFailed, std::string("the start state does not load back: ") + e.what()};
+        }
+        simulator_.clear_locked();
+        for (const auto &[name, fault] : start_faults_)
+            simulator_.faults_locked()[simulator_.find(name)] = fault;
     }
-    simulator_.clear_locked();
-    for (const auto &[name, fault] : start_faults_)
-        simulator_.faults_locked()[simulator_.find(name)] = fault;
+    // Publications with the state's lock let go: a service's process is
+    // told to publish over the link its calls come on, and a call that
+    // comes first is answered from the state before the publication is
+    // told done.
     std::string failed;
     for (const Service &s : simulator_.services()) {
         bool want = start_published_.count(s.name) != 0;

@@ -92,7 +92,8 @@ public:
     // "status:N", "delay:MS"; none at all empties its queue. All or none.
     Result reply(const std::string &method, const std::vector<std::string> &answers);
     // The device back as it started: values, faults, queued answers,
-    // publications; the call log emptied. No call sees it half done.
+    // publications; the call log emptied. No call sees the values half
+    // done; publications and crashed services follow them.
     Result reset();
     // Runs a scenario document (see scenario.h) to its end; done when all
     // went as it says, failed with the report of what did not.
