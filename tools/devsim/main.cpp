@@ -199,6 +199,12 @@ int main(int argc, char **argv)
     if (exe_length <= 0)
         return fail(std::string("cannot find the program to start the services' processes: ") + std::strerror(errno));
     hmisvc::devsim::ServiceProcesses publisher(bs, simulator, std::string(exe, static_cast<std::size_t>(exe_length)));
+    // The endpoints registered are the broadcast service's memory: lost
+    // with its process.
+    publisher.on_end([&device](const std::string &name) {
+        if (name == "broadcast")
+            device.broadcasts.clear("the broadcast service's process ended");
+    });
     if (std::string why = publisher.start(); !why.empty())
         return fail(why);
     Control control(device, simulator, publisher);
