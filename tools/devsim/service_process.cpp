@@ -26,7 +26,7 @@ namespace {
 // its length (32 bits, host order: both ends are one program), this head,
 // then data_size bytes of data and offsets_count binder_size_t offsets.
 enum Kind : uint32_t {
-    kReady = 1,   // process -> main: the process serves
+    kReady = 1,   // process -> main: the process serves (code 1: has published, status)
     kCall,        // process -> main: a transaction to answer
     kReply,       // main -> process: the answer (status, then data)
     kPublish,     // main -> process: publish the name
@@ -127,7 +127,7 @@ constexpr int kMaxServiceThreads = kServiceLoopers + Simulator::kMaxDelayed;
 
 // ---- the service's process ----
 
-int run_service_process(const std::string &name, int fd)
+int run_service_process(const std::string &name, int fd, bool publish)
 {
     // A terminal's signals go to the whole group: the main process's death
     // ends this one (its socket closes), not a Ctrl-C of its own that the
@@ -206,6 +206,10 @@ int run_service_process(const std::string &name, int fd)
     Head ready;
     ready.kind = kReady;
     ready.pid = getpid();
+    if (publish) {
+        ready.code = 1;
+        ready.status = publisher.publish(name, &object);
+    }
     send_frame(fd, send_lock, ready, nullptr, nullptr);
     for (Frame frame; read_frame(fd, frame);) {
         if (frame.head.kind == kReply) {
@@ -248,7 +252,8 @@ struct ServiceProcesses::Child {
     std::shared_ptr<ServiceLink> link;
     bool ready = false;
     bool want_published = false;
-    bool republished = false;
+    bool republished = false;  // published as wanted since its launch (or told why not)
+    int published_status = 0;  // the service manager's answer to that
     bool crashed = false;    // killed by `sim crash`: down until restarted
     uint64_t generation = 0;  // launches, so that a scheduled restart finds out it is stale
     int restarts = 0;
@@ -277,29 +282,6 @@ ServiceProcesses::~ServiceProcesses()
         if (entry.second->pid > 0)
             kill(entry.second->pid, SIGKILL);
     changed_.notify_all();
-}
-
-std::string ServiceProcesses::start()
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    // All forked before the first thread that reads them starts, so that
-    // each is a fork of a process with one thread (see one_thread()).
-    for (auto &entry : children_)
-        launch(*entry.second, false);
-    for (auto &entry : children_)
-        if (Child &c = *entry.second; c.link)
-            std::thread(&ServiceProcesses::read_loop, this, &c, c.link, c.pid).detach();
-    // Each process says when it serves; a bound only against one that hangs.
-    changed_.wait_for(lock, std::chrono::seconds(30), [this] {
-        for (auto &entry : children_)
-            if (!entry.second->ready)
-                return false;
-        return true;
-    });
-    for (auto &entry : children_)
-        if (!entry.second->ready)
-            return "the process of \"" + entry.first + "\" did not start within 30 s";
-    return {};
 }
 
 namespace {
@@ -339,8 +321,35 @@ bool one_thread()
 
 }  // namespace
 
+std::string ServiceProcesses::start(const std::set<std::string> &publish)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    // Each publishes its name as soon as it serves, all at once.
+    for (auto &entry : children_)
+        entry.second->want_published = publish.count(entry.first) != 0;
+    // All forked before the first thread that reads them starts, so that
+    // each is a fork of a process with one thread (see one_thread()).
+    bool alone = one_thread();
+    for (auto &entry : children_)
+        launch(*entry.second, alone, false);
+    for (auto &entry : children_)
+        if (Child &c = *entry.second; c.link)
+            std::thread(&ServiceProcesses::read_loop, this, &c, c.link, c.pid).detach();
+    // Each process says when it serves; a bound only against one that hangs.
+    changed_.wait_for(lock, std::chrono::seconds(30), [this] {
+        for (auto &entry : children_)
+            if (!entry.second->ready || !entry.second->republished)
+                return false;
+        return true;
+    });
+    for (auto &entry : children_)
+        if (!entry.second->ready)
+            return "the process of \"" + entry.first + "\" did not start within 30 s";
+    return {};
+}
+
 // With mutex_ held.
-void ServiceProcesses::launch(Child &child, bool read)
+void ServiceProcesses::launch(Child &child, bool fork_only, bool read)
 {
     int fds[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
@@ -352,13 +361,13 @@ void ServiceProcesses::launch(Child &child, bool read)
     // async-signal-safe calls until it execs.
     std::string arg = child.name + ",3";
     const char *argv[] = {program_.c_str(), kServiceProcessOption, arg.c_str(), nullptr};
-    bool alone = one_thread();
     pid_t pid = fork();
-    if (pid == 0 && alone) {
+    if (pid == 0 && fork_only) {
         // Nothing else of the main process's, as below; the child serves at
-        // once, without loading the program again.
+        // once, without loading the program again, and publishes its name
+        // itself (no round trip through this process).
         close_except(fds[1]);
-        std::_Exit(run_service_process(child.name, fds[1]));
+        std::_Exit(run_service_process(child.name, fds[1], child.want_published));
     }
     if (pid == 0) {
         if (fds[1] != 3)
@@ -462,15 +471,21 @@ void ServiceProcesses::read_loop(Child *child, std::shared_ptr<ServiceLink> link
         std::lock_guard<std::mutex> lock(mutex_);
         if (frame.head.kind == kReady) {
             child->ready = true;
-            // Back after a restart: published again as it was.
+            // Published as it was (at the start: as asked), unless it
+            // published itself (code 1, with the service manager's answer).
             Head publish;
             publish.kind = kPublish;
-            if (child->restarts == 0 || !child->want_published || !link->send(publish))
+            if (frame.head.code == 1) {
                 child->republished = true;
+                child->published_status = frame.head.status;
+            } else if (!child->want_published || !link->send(publish)) {
+                child->republished = true;
+            }
         } else if (frame.head.kind == kAnswer) {
             if (frame.head.id == 0) {
                 child->republished = true;
-                if (frame.head.status != 0)
+                child->published_status = frame.head.status;
+                if (frame.head.status != 0 && child->restarts > 0)
                     std::fprintf(stderr, "hmisvc-devsim: \"%s\" restarted but not published again (status %d)\n",
                                  child->name.c_str(), frame.head.status);
             }
@@ -613,6 +628,13 @@ std::string ServiceProcesses::restart(const std::string &name)
     if (!c->republished)
         return "the process of \"" + name + "\" did not come back";
     return {};
+}
+
+int ServiceProcesses::start_status(const std::string &name) const
+{
+    Child *c = child(name);
+    std::lock_guard<std::mutex> lock(mutex_);
+    return c->published_status;
 }
 
 std::vector<ServiceProcesses::Status> ServiceProcesses::status() const

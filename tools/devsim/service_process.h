@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,9 +28,10 @@ namespace hmisvc::devsim {
 // `hmisvc-devsim --service-process NAME,FD`.
 constexpr const char *kServiceProcessOption = "--service-process";
 
-// Runs as the process of service `name`, forwarding over descriptor `fd`;
-// returns the program's exit status.
-int run_service_process(const std::string &name, int fd);
+// Runs as the process of service `name`, forwarding over descriptor `fd`
+// (and publishing the name at once with `publish`); returns the program's
+// exit status.
+int run_service_process(const std::string &name, int fd, bool publish = false);
 
 struct ServiceLink;
 
@@ -41,8 +43,12 @@ public:
     ServiceProcesses(binder_connection *bs, Simulator &simulator, std::string program);
     ~ServiceProcesses() override;
 
-    // Starts a process for each service that runs in one; "" or why not.
-    std::string start();
+    // Starts a process for each service; those named in `publish` publish
+    // their names as soon as they serve, all at once. "" or why not.
+    std::string start(const std::set<std::string> &publish);
+    // What the service manager answered to a publication of start()'s, as
+    // publish() gives it (0: published).
+    int start_status(const std::string &name) const;
 
     int publish(const std::string &name, void *object) override;
     int unpublish(const std::string &name, void *object) override;
@@ -84,8 +90,10 @@ public:
 private:
     struct Child;
     Child *child(const std::string &name) const;
-    // With `read`, also starts the thread that reads its socket.
-    void launch(Child &child, bool read = true);
+    // With `fork_only`, the child goes on from the fork (this process must
+    // have one thread); otherwise it execs the program. With `read`, also
+    // starts the thread that reads its socket.
+    void launch(Child &child, bool fork_only = false, bool read = true);
     void read_loop(Child *child, std::shared_ptr<ServiceLink> link, pid_t pid);
     // Sends a command to a child and waits for its answer; -1 when it is down.
     int command(Child &child, uint32_t kind);
