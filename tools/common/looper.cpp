@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 namespace hmisvc::tools {
@@ -40,13 +41,19 @@ template <class T> void command(binder_connection *bs, uint32_t cmd, const T &ar
     write_block(bs, block, sizeof block);
 }
 
-void answer(binder_connection *bs, const binder_transaction_data &in, const TxnHandler &handler,
-            std::vector<unsigned char> &area)
+// The area a reply is built in: its pages are touched only as far as
+// replies reach (a thread that serves small replies keeps a few).
+struct ReplyArea {
+    std::unique_ptr<unsigned char[]> bytes;
+    std::size_t size;
+};
+
+void answer(binder_connection *bs, const binder_transaction_data &in, const TxnHandler &handler, ReplyArea &area)
 {
     binder_transaction_data txn = in;
     binder_io msg, reply;
     bio_init_from_txn(&msg, &txn);
-    bio_init(&reply, area.data(), static_cast<uint32_t>(area.size()), 4);
+    bio_init(&reply, area.bytes.get(), static_cast<uint32_t>(area.size), 4);
     int status = handler(txn, msg, reply);
 
     if (txn.flags & TF_ONE_WAY) {
@@ -80,7 +87,7 @@ void answer(binder_connection *bs, const binder_transaction_data &in, const TxnH
 // Walks one read buffer; returns false on a return it cannot size, after
 // which the rest of that buffer is dropped.
 bool parse(binder_connection *bs, const unsigned char *p, const unsigned char *end, const TxnHandler &handler,
-           std::vector<unsigned char> &area)
+           ReplyArea &area)
 {
     auto room = [&](std::size_t n) { return static_cast<std::size_t>(end - p) >= n; };
     while (room(sizeof(uint32_t))) {
@@ -140,7 +147,7 @@ bool parse(binder_connection *bs, const unsigned char *p, const unsigned char *e
 
 void serve(binder_connection *bs, const TxnHandler &handler, std::size_t reply_area, bool first)
 {
-    std::vector<unsigned char> area(reply_area);
+    ReplyArea area{std::unique_ptr<unsigned char[]>(new unsigned char[reply_area]), reply_area};
     uint32_t enter = first ? uint32_t{BC_ENTER_LOOPER} : kRegisterLooper;
     write_block(bs, &enter, sizeof enter);
     alignas(8) unsigned char buf[256];

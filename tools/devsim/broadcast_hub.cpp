@@ -382,6 +382,18 @@ bool BroadcastHub::send(const std::string &payload)
     return true;
 }
 
+void BroadcastHub::clear(const char *why)
+{
+    Shared &hub = *shared_;
+    std::lock_guard<std::mutex> lock(hub.mutex);
+    // drop() erases from the map: walk a copy.
+    std::vector<Shared::EndpointPtr> all;
+    for (auto &entry : hub.endpoints)
+        all.push_back(entry.second);
+    for (const Shared::EndpointPtr &ep : all)
+        hub.drop(ep, why);
+}
+
 std::size_t BroadcastHub::endpoints() const
 {
     std::lock_guard<std::mutex> lock(shared_->mutex);

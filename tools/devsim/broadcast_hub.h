@@ -55,6 +55,10 @@ public:
     // a queue is full (see kMaxQueued). False (and said on standard error)
     // when it is larger than kMaxIntentBytes.
     bool send(const std::string &payload);
+    // Forgets every endpoint, as the broadcast service's process does when
+    // it ends: their queues are dropped, a delivery in flight ends with its
+    // call, and each must register again.
+    void clear(const char *why);
 
     std::size_t endpoints() const;
     // Bytes of the distinct intents queued now, and intents dropped so far

@@ -285,7 +285,7 @@ namespace {
 template <class F> Result on_process(tools::Publisher &publisher, const Service &s, F f)
 {
     auto *processes = dynamic_cast<ServiceProcesses *>(&publisher);
-    if (!processes || !ServiceProcesses::separate(s.name))
+    if (!processes || !processes->separate(s.name))
         return refused(std::string(s.name) + " runs in the simulator's main process: it cannot crash alone");
     std::string why = f(*processes, s.name);
     return why.empty() ? Result{Result::kDone, s.name} : Result{Result::kFailed, why};
@@ -336,6 +336,10 @@ Result Control::broadcast(const std::string &action, const std::map<std::string,
         intent.putExtra(key, value);
     for (const auto &[key, value] : strings)
         intent.putExtra(key, value);
+    // As on the device: nobody can send while the broadcast service is down.
+    if (auto *processes = dynamic_cast<ServiceProcesses *>(&publisher_))
+        if (std::string why = processes->down("broadcast"); !why.empty())
+            return {Result::kFailed, "broadcast is down (" + why + "): the intent is not sent"};
     std::string bytes = intent.toString();
     if (!device_.broadcasts.send(bytes))
         return refused("the intent is " + std::to_string(bytes.size()) + " bytes; one takes at most " +

@@ -199,17 +199,22 @@ int main(int argc, char **argv)
     if (exe_length <= 0)
         return fail(std::string("cannot find the program to start the services' processes: ") + std::strerror(errno));
     hmisvc::devsim::ServiceProcesses publisher(bs, simulator, std::string(exe, static_cast<std::size_t>(exe_length)));
-    if (std::string why = publisher.start(); !why.empty())
+    // The endpoints registered are the broadcast service's memory: lost
+    // with its process.
+    publisher.on_end([&device](const std::string &name) {
+        if (name == "broadcast")
+            device.broadcasts.clear("the broadcast service's process ended");
+    });
+    // Before any service is published: registrations may come at once.
+    device.broadcasts.attach(bs);
+    std::set<std::string> names;
+    for (const Service *s : published)
+        names.insert(s->name);
+    if (std::string why = publisher.start(names); !why.empty())
         return fail(why);
     Control control(device, simulator, publisher);
     simulator.add_extra(&control.service());
-    device.broadcasts.attach(bs);
-    {
-        std::set<std::string> names;
-        for (const Service *s : published)
-            names.insert(s->name);
-        control.remember_start(names);
-    }
+    control.remember_start(names);
     if (!scenario.empty())
         if (auto r = control.check_scenario(scenario); r.code != Control::Result::kDone) {
             std::fprintf(stderr, "hmisvc-devsim: %s: %s\n", scenario_file.c_str(), r.text.c_str());
@@ -240,7 +245,9 @@ int main(int argc, char **argv)
         std::_Exit(status);
     };
     for (const Service *s : published) {
-        int status = publisher.publish(s->name, const_cast<Service *>(s));
+        // The services' processes published theirs as they started.
+        int status = publisher.separate(s->name) ? publisher.start_status(s->name)
+                                                 : publisher.publish(s->name, const_cast<Service *>(s));
         if (status == -1)
             leave(fail(std::string("cannot publish \"") + s->name + "\" (is a service manager running?)"));
         // Someone else's name: a squatter, or another simulator. Which

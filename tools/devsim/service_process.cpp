@@ -26,7 +26,7 @@ namespace {
 // its length (32 bits, host order: both ends are one program), this head,
 // then data_size bytes of data and offsets_count binder_size_t offsets.
 enum Kind : uint32_t {
-    kReady = 1,   // process -> main: the process serves
+    kReady = 1,   // process -> main: the process serves (code 1: has published, status)
     kCall,        // process -> main: a transaction to answer
     kReply,       // main -> process: the answer (status, then data)
     kPublish,     // main -> process: publish the name
@@ -127,7 +127,7 @@ constexpr int kMaxServiceThreads = kServiceLoopers + Simulator::kMaxDelayed;
 
 // ---- the service's process ----
 
-int run_service_process(const std::string &name, int fd)
+int run_service_process(const std::string &name, int fd, bool publish)
 {
     // A terminal's signals go to the whole group: the main process's death
     // ends this one (its socket closes), not a Ctrl-C of its own that the
@@ -206,6 +206,10 @@ int run_service_process(const std::string &name, int fd)
     Head ready;
     ready.kind = kReady;
     ready.pid = getpid();
+    if (publish) {
+        ready.code = 1;
+        ready.status = publisher.publish(name, &object);
+    }
     send_frame(fd, send_lock, ready, nullptr, nullptr);
     for (Frame frame; read_frame(fd, frame);) {
         if (frame.head.kind == kReply) {
@@ -248,7 +252,8 @@ struct ServiceProcesses::Child {
     std::shared_ptr<ServiceLink> link;
     bool ready = false;
     bool want_published = false;
-    bool republished = false;
+    bool republished = false;  // published as wanted since its launch (or told why not)
+    int published_status = 0;  // the service manager's answer to that
     bool crashed = false;    // killed by `sim crash`: down until restarted
     uint64_t generation = 0;  // launches, so that a scheduled restart finds out it is stale
     int restarts = 0;
@@ -256,24 +261,17 @@ struct ServiceProcesses::Child {
     std::map<uint32_t, int> answers;
 };
 
-bool ServiceProcesses::separate(const std::string &name)
-{
-    // The broadcast service keeps the callers' endpoints (binder objects
-    // that only its own process could hold) and the control service steers
-    // the rest: both stay in the main process.
-    return name != "broadcast";
-}
-
 ServiceProcesses::ServiceProcesses(binder_connection *bs, Simulator &simulator, std::string program)
     : tools::Publisher(bs), simulator_(simulator), program_(std::move(program))
 {
-    for (const Service &s : simulator_.services())
-        if (separate(s.name)) {
-            auto child = std::make_unique<Child>();
-            child->name = s.name;
-            child->service = &s;
-            children_[s.name] = std::move(child);
-        }
+    // Every device service, the broadcast service too (its requests carry
+    // names, not binder objects); the control service stays here.
+    for (const Service &s : simulator_.services()) {
+        auto child = std::make_unique<Child>();
+        child->name = s.name;
+        child->service = &s;
+        children_[s.name] = std::move(child);
+    }
 }
 
 ServiceProcesses::~ServiceProcesses()
@@ -286,15 +284,61 @@ ServiceProcesses::~ServiceProcesses()
     changed_.notify_all();
 }
 
-std::string ServiceProcesses::start()
+namespace {
+
+// In a child of the main process: closes every descriptor past the standard
+// ones but `keep`; nothing else of the main process's (its binder
+// connection least of all: the driver must see the main process end when it
+// does, and the other services' sockets theirs).
+void close_except(int keep)
+{
+    auto close_from_to = [](unsigned first, unsigned last) {
+        if (first <= last && syscall(SYS_close_range, first, last, 0u) != 0)
+            for (unsigned fd = first; fd <= last && fd < 4096; ++fd)
+                close(static_cast<int>(fd));
+    };
+    close_from_to(3, static_cast<unsigned>(keep) - 1);
+    close_from_to(static_cast<unsigned>(keep) + 1, ~0u);
+}
+
+// Whether the calling process runs one thread. Its fork may then go on as a
+// service's process: no other thread can hold a lock the child would find
+// taken. Started while the main process has more (a restart, once it
+// serves), a service's process is the program started afresh.
+bool one_thread()
+{
+    std::FILE *status = std::fopen("/proc/self/status", "r");
+    if (!status)
+        return false;
+    char line[256];
+    int threads = 0;
+    while (std::fgets(line, sizeof line, status))
+        if (std::sscanf(line, "Threads: %d", &threads) == 1)
+            break;
+    std::fclose(status);
+    return threads == 1;
+}
+
+}  // namespace
+
+std::string ServiceProcesses::start(const std::set<std::string> &publish)
 {
     std::unique_lock<std::mutex> lock(mutex_);
+    // Each publishes its name as soon as it serves, all at once.
     for (auto &entry : children_)
-        launch(*entry.second);
+        entry.second->want_published = publish.count(entry.first) != 0;
+    // All forked before the first thread that reads them starts, so that
+    // each is a fork of a process with one thread (see one_thread()).
+    bool alone = one_thread();
+    for (auto &entry : children_)
+        launch(*entry.second, alone, false);
+    for (auto &entry : children_)
+        if (Child &c = *entry.second; c.link)
+            std::thread(&ServiceProcesses::read_loop, this, &c, c.link, c.pid).detach();
     // Each process says when it serves; a bound only against one that hangs.
     changed_.wait_for(lock, std::chrono::seconds(30), [this] {
         for (auto &entry : children_)
-            if (!entry.second->ready)
+            if (!entry.second->ready || !entry.second->republished)
                 return false;
         return true;
     });
@@ -305,7 +349,7 @@ std::string ServiceProcesses::start()
 }
 
 // With mutex_ held.
-void ServiceProcesses::launch(Child &child)
+void ServiceProcesses::launch(Child &child, bool fork_only, bool read)
 {
     int fds[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
@@ -318,15 +362,18 @@ void ServiceProcesses::launch(Child &child)
     std::string arg = child.name + ",3";
     const char *argv[] = {program_.c_str(), kServiceProcessOption, arg.c_str(), nullptr};
     pid_t pid = fork();
+    if (pid == 0 && fork_only) {
+        // Nothing else of the main process's, as below; the child serves at
+        // once, without loading the program again, and publishes its name
+        // itself (no round trip through this process).
+        close_except(fds[1]);
+        std::_Exit(run_service_process(child.name, fds[1], child.want_published));
+    }
     if (pid == 0) {
         if (fds[1] != 3)
             dup2(fds[1], 3);
         fcntl(3, F_SETFD, 0);
-        // Nothing else of the main process's (its binder connection least of
-        // all: the driver must see the main process end when it does).
-        if (syscall(SYS_close_range, 4u, ~0u, 0u) != 0)
-            for (int fd = 4; fd < 4096; ++fd)
-                close(fd);
+        close_except(3);
         execv(program_.c_str(), const_cast<char **>(argv));
         _exit(127);
     }
@@ -342,7 +389,8 @@ void ServiceProcesses::launch(Child &child)
     child.ready = child.republished = child.crashed = false;
     if (child.generation++ > 0)
         ++child.restarts;
-    std::thread(&ServiceProcesses::read_loop, this, &child, child.link, pid).detach();
+    if (read)
+        std::thread(&ServiceProcesses::read_loop, this, &child, child.link, pid).detach();
 }
 
 namespace {
@@ -362,8 +410,9 @@ void answer(Simulator &simulator, const Service *service, const std::shared_ptr<
     txn.data.ptr.offsets = binder::wire_ptr(frame.offsets.data());
     binder_io msg, reply;
     bio_init_from_txn(&msg, &txn);
-    std::vector<char> area(kReplyArea);
-    bio_init(&reply, area.data(), static_cast<uint32_t>(area.size()), 4);
+    // Not zeroed: only the pages the reply reaches are touched.
+    std::unique_ptr<char[]> area(new char[kReplyArea]);
+    bio_init(&reply, area.get(), static_cast<uint32_t>(kReplyArea), 4);
     Head head;
     head.kind = kReply;
     head.id = frame.head.id;
@@ -422,15 +471,21 @@ void ServiceProcesses::read_loop(Child *child, std::shared_ptr<ServiceLink> link
         std::lock_guard<std::mutex> lock(mutex_);
         if (frame.head.kind == kReady) {
             child->ready = true;
-            // Back after a restart: published again as it was.
+            // Published as it was (at the start: as asked), unless it
+            // published itself (code 1, with the service manager's answer).
             Head publish;
             publish.kind = kPublish;
-            if (child->restarts == 0 || !child->want_published || !link->send(publish))
+            if (frame.head.code == 1) {
                 child->republished = true;
+                child->published_status = frame.head.status;
+            } else if (!child->want_published || !link->send(publish)) {
+                child->republished = true;
+            }
         } else if (frame.head.kind == kAnswer) {
             if (frame.head.id == 0) {
                 child->republished = true;
-                if (frame.head.status != 0)
+                child->published_status = frame.head.status;
+                if (frame.head.status != 0 && child->restarts > 0)
                     std::fprintf(stderr, "hmisvc-devsim: \"%s\" restarted but not published again (status %d)\n",
                                  child->name.c_str(), frame.head.status);
             }
@@ -441,6 +496,8 @@ void ServiceProcesses::read_loop(Child *child, std::shared_ptr<ServiceLink> link
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
+    if (on_end_)
+        on_end_(child->name);
     std::lock_guard<std::mutex> lock(mutex_);
     child->pid = 0;
     child->ready = false;
@@ -519,13 +576,26 @@ bool ServiceProcesses::published(const std::string &name) const
     return c->want_published;
 }
 
+std::string ServiceProcesses::down_locked(const Child &c) const
+{
+    if (!c.crashed && c.pid != 0)
+        return {};
+    return c.crashed ? "crashed; `hmisvc sim restart " + c.name + "` brings it back" : "restarting";
+}
+
+std::string ServiceProcesses::down(const std::string &name) const
+{
+    Child *c = child(name);
+    std::lock_guard<std::mutex> lock(mutex_);
+    return c ? down_locked(*c) : std::string();
+}
+
 std::string ServiceProcesses::crash(const std::string &name, int restart_after_ms)
 {
     Child *c = child(name);
     std::unique_lock<std::mutex> lock(mutex_);
-    if (c->crashed || c->pid == 0)
-        return name + " is already down" +
-               (c->crashed ? " (crashed; `hmisvc sim restart " + name + "` brings it back)" : " (restarting)");
+    if (std::string why = down_locked(*c); !why.empty())
+        return name + " is already down (" + why + ")";
     c->crashed = true;
     pid_t pid = c->pid;
     kill(pid, SIGKILL);
@@ -558,6 +628,13 @@ std::string ServiceProcesses::restart(const std::string &name)
     if (!c->republished)
         return "the process of \"" + name + "\" did not come back";
     return {};
+}
+
+int ServiceProcesses::start_status(const std::string &name) const
+{
+    Child *c = child(name);
+    std::lock_guard<std::mutex> lock(mutex_);
+    return c->published_status;
 }
 
 std::vector<ServiceProcesses::Status> ServiceProcesses::status() const

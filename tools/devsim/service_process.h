@@ -11,9 +11,11 @@
 #include "services.h"
 
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,31 +28,41 @@ namespace hmisvc::devsim {
 // `hmisvc-devsim --service-process NAME,FD`.
 constexpr const char *kServiceProcessOption = "--service-process";
 
-// Runs as the process of service `name`, forwarding over descriptor `fd`;
-// returns the program's exit status.
-int run_service_process(const std::string &name, int fd);
+// Runs as the process of service `name`, forwarding over descriptor `fd`
+// (and publishing the name at once with `publish`); returns the program's
+// exit status.
+int run_service_process(const std::string &name, int fd, bool publish = false);
 
 struct ServiceLink;
 
 // The main process's side: starts, watches and steers the services'
 // processes. Names it serves in a process are published and unpublished by
-// that process; others (the control service, the broadcast service, whose
-// requests carry binder objects of the caller) by the main process as
-// before.
+// that process; the control service's by the main process.
 class ServiceProcesses : public tools::Publisher {
 public:
     ServiceProcesses(binder_connection *bs, Simulator &simulator, std::string program);
     ~ServiceProcesses() override;
 
-    // Starts a process for each service that runs in one; "" or why not.
-    std::string start();
+    // Starts a process for each service; those named in `publish` publish
+    // their names as soon as they serve, all at once. "" or why not.
+    std::string start(const std::set<std::string> &publish);
+    // What the service manager answered to a publication of start()'s, as
+    // publish() gives it (0: published).
+    int start_status(const std::string &name) const;
 
     int publish(const std::string &name, void *object) override;
     int unpublish(const std::string &name, void *object) override;
     bool published(const std::string &name) const override;
 
     // Whether this service runs in a process of its own.
-    static bool separate(const std::string &name);
+    bool separate(const std::string &name) const { return child(name) != nullptr; }
+    // "" while the service's process serves, otherwise why not ("crashed;
+    // ...", "restarting").
+    std::string down(const std::string &name) const;
+    // Told, on no lock of ours, each time a service's process has ended
+    // (crashed or by itself), before it counts as down: what the process
+    // kept in its memory is lost with it. Set it before start().
+    void on_end(std::function<void(const std::string &name)> f) { on_end_ = std::move(f); }
 
     struct Status {
         std::string name;
@@ -78,14 +90,21 @@ public:
 private:
     struct Child;
     Child *child(const std::string &name) const;
-    void launch(Child &child);
+    // With `fork_only`, the child goes on from the fork (this process must
+    // have one thread); otherwise it execs the program. With `read`, also
+    // starts the thread that reads its socket.
+    void launch(Child &child, bool fork_only = false, bool read = true);
     void read_loop(Child *child, std::shared_ptr<ServiceLink> link, pid_t pid);
     // Sends a command to a child and waits for its answer; -1 when it is down.
     int command(Child &child, uint32_t kind);
     int set_published(Child &child, bool published);
 
+    // With mutex_ held.
+    std::string down_locked(const Child &child) const;
+
     Simulator &simulator_;
     std::string program_;
+    std::function<void(const std::string &)> on_end_;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::map<std::string, std::unique_ptr<Child>> children_;

@@ -1,13 +1,16 @@
 // The supervised receiver on the real driver against the simulator: a
-// restart of the broadcast service; threads and descriptors across restarts
+// crash of the broadcast service's process and its restart, as on the
+// device; threads and descriptors across restarts
 // and many receivers; deliveries that carry no intent or want no reply; a
 // stopped broadcast service at destruction; and a burst to a slow handler
 // (beside the same burst to a designed-only receiver, run in a child process).
 #include "process.h"
 #include "self_child.h"
+#include "sim_cli.h"
 
 #include <hmisvc/broadcast.h>
 #include <hmisvc/context.h>
+#include <hmisvc/outcome.h>
 #include <hmisvc/proxies.h>
 #include <hmisvc/receiving.h>
 #include <hmisvc/wait.h>
@@ -49,16 +52,8 @@ std::unique_ptr<peer::Child> g_devsim;
 
 bool start_devsim()
 {
-    if (!g_devsim)
-        g_devsim = peer::start_program({HMISVC_DEVSIM});
+    g_devsim = peer::start_program({HMISVC_DEVSIM});
     return g_devsim->ready();
-}
-
-// Killed, and gone from the service manager.
-bool stop_devsim()
-{
-    g_devsim.reset();
-    return peer::eventually([] { return !peer::service_found("broadcast"); });
 }
 
 class Environment : public ::testing::Environment {
@@ -237,8 +232,23 @@ double ms_since(Clock::time_point start)
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
-TEST(Receiving, ReceivesEverythingSentAfterTheBroadcastServiceRestarted)
+// The endpoints the broadcast service holds, as the simulator's dump shows
+// them (its "broadcast.endpoints").
+std::string registered()
 {
+    std::string dump;
+    const std::size_t at = sim("dump", &dump) ? dump.find("\"endpoints\"") : std::string::npos;
+    return at == std::string::npos ? "(no endpoints in the dump)" : dump.substr(at, dump.find(']', at) - at);
+}
+
+// The broadcast service's process crashes: its registrations are gone with
+// it, nothing can be sent until it is back, and the Receiving registers
+// again once it is.
+TEST(Receiving, ReceivesEverythingSentAfterTheBroadcastServiceCrashed)
+{
+#ifndef HMISVC_CLI
+    GTEST_SKIP() << "needs the hmisvc tool to crash the broadcast service";
+#endif
     static Recorder receiver;
     static Thrower thrower; // shares the one handler thread with the recorder
     static IntentFilter filter; // the designed endpoints read it for the process
@@ -252,20 +262,39 @@ TEST(Receiving, ReceivesEverythingSentAfterTheBroadcastServiceRestarted)
     receiving.registerReceiver(&receiver, &filter);
     receiving.registerReceiver(&thrower, &filter);
     ASSERT_TRUE(receiving.start(20s));
+    const long tid = thread_named("hmisvc-endpoint");
+    ASSERT_GT(tid, 0);
+    const std::string endpoint = "BroadCast#" + std::to_string(tid);
+    EXPECT_NE(registered().find(endpoint), std::string::npos) << registered();
 
-    ASSERT_TRUE(stop_devsim());
+    ASSERT_TRUE(sim("crash broadcast"));
     ASSERT_EQ(log.wait(3).size(), 3u);
     EXPECT_EQ(receiving.state(), ReceivingState::Down);
+    EXPECT_EQ(registered().find(endpoint), std::string::npos) << registered();
+    // Sent while it is down: by an application, which finds no broadcast
+    // service, and by the simulator, which refuses.
+    BroadcastManager down;
+    Intent lost("recv.restart");
+    lost.putExtra("seq", 100);
+    down.SendBroadcast(lost);
+    EXPECT_EQ(hmisvc::lastOutcome(), hmisvc::Outcome::NotRegistered);
+    std::string refusal;
+    EXPECT_FALSE(sim("broadcast recv.restart --int seq=101 2>&1", &refusal));
+    EXPECT_NE(refusal.find("broadcast is down (crashed;"), std::string::npos) << refusal;
+
     const auto restart = Clock::now();
-    ASSERT_TRUE(start_devsim());
+    ASSERT_TRUE(sim("restart broadcast"));
     ASSERT_TRUE(receiving.waitUntilReceiving(60s));
-    std::printf("restart to receiving: %.1f ms (the simulator's own start included)\n", ms_since(restart));
+    std::printf("restart to receiving: %.1f ms\n", ms_since(restart));
+    EXPECT_NE(registered().find(endpoint), std::string::npos) << registered();
 
     send("recv.restart", 20);
     EXPECT_TRUE(receiver.reached(20));
     for (int seq = 0; seq < 20; ++seq)
         EXPECT_TRUE(receiver.got(seq)) << seq;
     EXPECT_EQ(receiver.calls(), 20u);
+    EXPECT_FALSE(receiver.got(100));
+    EXPECT_FALSE(receiver.got(101));
     EXPECT_TRUE(peer::eventually([&] { return receiving.stats().handlerErrors == 20; }));
     EXPECT_EQ(errors, 20);
     EXPECT_EQ(log.wait(4), (std::vector<ReceivingState>{ReceivingState::Starting, ReceivingState::Receiving,
@@ -333,6 +362,9 @@ bool seen_down(const hmisvc::Receiving &receiving)
 // before; broadcasts to the endpoints gone start nothing.
 TEST(ReceivingLifecycle, RestartsAndDestroyedReceiversLeaveNothingBehind)
 {
+#ifndef HMISVC_CLI
+    GTEST_SKIP() << "needs the hmisvc tool to crash the broadcast service";
+#endif
     Recorder receiver;
     IntentFilter filter; // only the Receiving reads it
     filter.addAction("recv.lifecycle");
@@ -342,9 +374,9 @@ TEST(ReceivingLifecycle, RestartsAndDestroyedReceiversLeaveNothingBehind)
         ASSERT_TRUE(receiving.start(20s));
         const Counts before = counts();
         for (int i = 0; i < 20; ++i) {
-            ASSERT_TRUE(stop_devsim());
+            ASSERT_TRUE(sim("crash broadcast")) << i;
             ASSERT_TRUE(seen_down(receiving)) << i;
-            ASSERT_TRUE(start_devsim());
+            ASSERT_TRUE(sim("restart broadcast")) << i;
             ASSERT_TRUE(receiving.waitUntilReceiving(60s)) << i;
         }
         const Counts after = settled(before);
