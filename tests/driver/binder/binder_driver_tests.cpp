@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 
 using peer::Connection;
 
@@ -132,6 +133,30 @@ TEST_F(BinderDriver, RepliesGivenBackKeepASmallMappingUsable)
             << "call " << i;
         ASSERT_EQ(bio_get_uint32(&reply), i + 1) << "call " << i;
         binder_done(small.get(), &msg, &reply);
+    }
+}
+
+// The same when each call comes from a thread of its own that gives its reply
+// back and ends: more threads than the mapping holds replies, one at a time.
+TEST_F(BinderDriver, RepliesGivenBackByThreadsThatEndKeepASmallMappingUsable)
+{
+    Connection small(binder_open(1024));
+    ASSERT_NE(small, nullptr);
+    auto [service, handle] = ::serve("drv.threads", small.get());
+    ASSERT_NE(handle, 0u);
+    for (uint32_t i = 0; i < 1100; ++i) {
+        uint32_t answer = 0;
+        std::thread([&] {
+            char area[64];
+            binder_io msg, reply;
+            bio_init(&msg, area, sizeof area, 4);
+            bio_put_uint32(&msg, i);
+            if (binder_call(small.get(), &msg, &reply, handle, peer::ECHO_ADD1) != 0)
+                return;
+            answer = bio_get_uint32(&reply);
+            binder_done(small.get(), &msg, &reply);
+        }).join();
+        ASSERT_EQ(answer, i + 1) << "call " << i;
     }
 }
 
