@@ -543,7 +543,6 @@ int seam_ioctl(int fd, unsigned long code, void *arg)
         out.add(arg, size);
     }
     const size_t extra = prepend ? sizeof held.bytes : 0;
-    held.fd = -1;
     // The file's flag on the device is every thread's: here the process's.
     // A posted write carries it too: it tells the driver the thread polls.
     auto nonblock = [fd] {
@@ -555,6 +554,8 @@ int seam_ioctl(int fd, unsigned long code, void *arg)
         errno = E2BIG;
         return -1;
     }
+    // Sent now, or kept for the next request when this one fails before it goes.
+    held.fd = -1;
     if (posted && bwr->write_size > bwr->write_consumed) {
         if (!extra && holdable_free(*bwr, own)) {
             std::memcpy(held.bytes,
