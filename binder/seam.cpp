@@ -219,7 +219,7 @@ bool send_request(int fd, msghdr &msg)
     msghdr large{};
     large.msg_iov = &iov;
     large.msg_iovlen = 1;
-    seam::PassedFd room;
+    seam::PassedFd room{};
     seam::pass_fd(large, room, memfd);
     const bool sent = wait_for(fd, POLLOUT, [&] { return sendmsg(fd, &large, MSG_NOSIGNAL); });
     const int error = errno;
