@@ -210,40 +210,43 @@ int main(int argc, char **argv)
     std::set<std::string> names;
     for (const Service *s : published)
         names.insert(s->name);
-    if (std::string why = publisher.start(names); !why.empty())
-        return fail(why);
+    // A scenario that cannot run refuses the start before any service's
+    // process runs.
     Control control(device, simulator, publisher);
-    simulator.add_extra(&control.service());
-    control.remember_start(names);
     if (!scenario.empty())
         if (auto r = control.check_scenario(scenario); r.code != Control::Result::kDone) {
             std::fprintf(stderr, "hmisvc-devsim: %s: %s\n", scenario_file.c_str(), r.text.c_str());
             return 2;
         }
+    // From here the services' processes may run: leave without the
+    // destructors of what watches them (they end when our end of their
+    // socket closes).
+    auto leave = [](int status) {
+        std::fflush(nullptr);
+        std::_Exit(status);
+    };
+    if (std::string why = publisher.start(names); !why.empty())
+        leave(fail(why));
+    simulator.add_extra(&control.service());
+    control.remember_start(names);
 
 #ifdef HMISVC_PANEL
     std::unique_ptr<hmisvc::devsim::PanelServer> panel;
     if (!http.empty()) {
         panel = std::make_unique<hmisvc::devsim::PanelServer>(control, simulator, publisher);
         if (std::string err = panel->start(http_address); !err.empty())
-            return fail(err);
+            leave(fail(err));
         std::string shown = http_address.host == "0.0.0.0" || http_address.host == "::" ? "127.0.0.1"
                             : http_address.host.find(':') != std::string::npos ? "[" + http_address.host + "]"
                                                                                : http_address.host;
         std::string url = "http://" + shown + ":" + std::to_string(panel->port()) + "/";
         std::printf("hmisvc-devsim: panel at %s#token=%s\n", url.c_str(), panel->token().c_str());
         if (std::string err = write_http_info(http_info, url, panel->port(), panel->token()); !err.empty())
-            return fail(err);
+            leave(fail(err));
     }
 #endif
 
     published.push_back(&control.service());
-    // The services' processes run by now: leave without the destructors of
-    // what watches them (they end when our end of their socket closes).
-    auto leave = [](int status) {
-        std::fflush(nullptr);
-        std::_Exit(status);
-    };
     for (const Service *s : published) {
         // The services' processes published theirs as they started.
         int status = publisher.separate(s->name) ? publisher.start_status(s->name)
