@@ -4,11 +4,29 @@
 
 namespace hmisvc::qml {
 
+namespace {
+// A page shows a service back soon after it is, without polling a
+// service that stays away hard.
+constexpr int kFirstLook = 250;
+constexpr int kLastLook = 4000;
+} // namespace
+
 DeviceObject::DeviceObject(QObject *parent) : QObject(parent)
 {
     QObject::connect(&timer_, &QTimer::timeout, this, [this] {
         if (pending_ == 0) // a hanging service gets one refresh at a time
             refresh();
+    });
+    lookAgain_.setSingleShot(true);
+    lookAgain_.setInterval(kFirstLook);
+    QObject::connect(&lookAgain_, &QTimer::timeout, this, [this] {
+        if (status_ != QLatin1String("down"))
+            return;
+        lookAgain_.setInterval(std::min(lookAgain_.interval() * 2, kLastLook));
+        if (pending_ == 0)
+            refresh();
+        if (roundCalls_ == 0) // nothing to wait for: look again later all the same
+            lookAgain_.start();
     });
 }
 
@@ -34,10 +52,14 @@ void DeviceObject::refresh()
 void DeviceObject::readEnded(bool answered)
 {
     roundFailed_ = roundFailed_ || !answered;
-    if (--roundCalls_ == 0 && !roundFailed_) {
+    if (--roundCalls_ != 0)
+        return;
+    if (!roundFailed_) {
         answered_ = true;
         setReady(status_ == QLatin1String("up"));
     }
+    if (status_ == QLatin1String("down") && complete_)
+        lookAgain_.start();
 }
 
 void DeviceObject::setReady(bool ready)
@@ -97,11 +119,16 @@ void DeviceObject::setStatus(const QString &status)
         return;
     status_ = status;
     emit statusChanged();
-    if (status_ == QLatin1String("down"))
+    if (status_ == QLatin1String("down")) {
         answered_ = false; // values arrive again after the next refresh
+        if (complete_ && !lookAgain_.isActive() && roundCalls_ == 0)
+            lookAgain_.start();
+    } else {
+        lookAgain_.stop();
+        lookAgain_.setInterval(kFirstLook);
+    }
     // Up: the reads may have been answered before the news came.
     setReady(status_ == QLatin1String("up") && (answered_ || !reads_));
-
 }
 
 ServiceOptions DeviceObject::options()

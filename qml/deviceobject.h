@@ -239,6 +239,9 @@ private:
     QString status_ = QStringLiteral("unknown");
     QString lastError_;
     QTimer timer_;
+    // While the service is down: the next look for it, a refresh, 250 ms
+    // after the last one ended, twice as long each time up to 4 s.
+    QTimer lookAgain_;
     int timeLimit_ = 2000;
     int pending_ = 0; // calls not ended yet
     bool complete_ = false;

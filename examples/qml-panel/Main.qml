@@ -14,7 +14,7 @@ ApplicationWindow {
     visible: true
     title: "Panel"
 
-    Backlight { id: backlight; timeLimit: 500; refreshInterval: 2000 }
+    Backlight { id: backlight; timeLimit: 500; refreshInterval: 1000 }
     Wifi { id: wifi; timeLimit: 500; refreshInterval: 5000 }
     Broadcasts {
         id: broadcasts

@@ -118,6 +118,17 @@ TestCase {
         setting.key = "colour"
     }
 
+    // No polling: the death comes through the driver, the return by looking again.
+    function test_e_crashedServiceIsFollowedWithoutPolling() {
+        tryCompare(backlight, "ready", true, 20000)
+        verify(sim.run(["crash", "backlight"]) !== null)
+        tryCompare(backlight, "status", "down", 20000)
+        compare(backlight.ready, false)
+        verify(sim.run(["restart", "backlight"]) !== null)
+        tryCompare(backlight, "status", "up", 20000)
+        tryCompare(backlight, "ready", true, 20000)
+    }
+
     function test_e_failingServiceGoesDownAndComesBack() {
         tryCompare(polled, "status", "up", 20000)
         tryCompare(polled, "ready", true, 20000)
