@@ -11,6 +11,7 @@
 #include "services.h"
 
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -94,6 +95,12 @@ private:
     // have one thread); otherwise it execs the program. With `read`, also
     // starts the thread that reads its socket.
     void launch(Child &child, bool fork_only = false, bool read = true);
+    // A launch once start() is done, with `lock` (on mutex_) held: made by
+    // the launcher thread, which lives as long as the simulator, since a
+    // process's parent-death signal follows the thread that forked it.
+    // Returns once launched.
+    void relaunch(Child &child, std::unique_lock<std::mutex> &lock);
+    void run_launcher();
     void read_loop(Child *child, std::shared_ptr<ServiceLink> link, pid_t pid);
     // Sends a command to a child and waits for its answer; -1 when it is down.
     int command(Child &child, uint32_t kind);
@@ -110,6 +117,10 @@ private:
     std::map<std::string, std::unique_ptr<Child>> children_;
     uint32_t next_id_ = 1;
     bool stopping_ = false;
+    std::deque<Child *> to_launch_;
+    uint64_t launches_asked_ = 0, launches_done_ = 0;
+    bool launcher_ = false;  // runs
+    std::condition_variable launch_;
 };
 
 }  // namespace hmisvc::devsim
