@@ -322,6 +322,7 @@ int run_service_process(const std::string &name, int fd, bool publish)
 struct ServiceLink {
     int fd;
     std::mutex send_lock;
+    bool ended = false;  // its process: set under the simulator's lock
     explicit ServiceLink(int f) : fd(f) {}
     ~ServiceLink() { close(fd); }
     bool send(const Head &head, const void *data = nullptr, const binder_size_t *offsets = nullptr)
@@ -383,6 +384,7 @@ ServiceProcesses::ServiceProcesses(binder_connection *bs, Simulator &simulator, 
 {
     // Every device service, the broadcast service too (its requests carry
     // names, not binder objects); the control service stays here.
+    simulator_.on_late(&ServiceProcesses::call_wanted);
     for (const Service &s : simulator_.services()) {
         auto child = std::make_unique<Child>();
         child->slot = children_.size() % kMaxProcesses;
@@ -562,8 +564,12 @@ namespace {
 // Set while a thread reading a service's process answers one of its calls:
 // hands the reading on to a new thread.
 thread_local std::function<void()> *hand_on = nullptr;
+// And the link it answers on.
+thread_local ServiceLink *answering = nullptr;
 
 }  // namespace
+
+bool ServiceProcesses::call_wanted() { return !answering || !answering->ended; }
 
 bool ServiceProcesses::delaying(bool starts)
 {
@@ -590,8 +596,10 @@ void ServiceProcesses::read_loop(Child *child, std::shared_ptr<ServiceLink> link
             };
             ++child->calls;
             hand_on = &hand;
+            answering = link.get();
             answer(simulator_, child->service, link, std::move(frame));
             hand_on = nullptr;
+            answering = nullptr;
             --child->calls;
             if (handed_on)
                 return;
@@ -621,6 +629,11 @@ void ServiceProcesses::read_loop(Child *child, std::shared_ptr<ServiceLink> link
             child->answers[frame.head.id] = frame.head.status;
         }
         changed_.notify_all();
+    }
+    // Its delayed calls that go on from here change nothing (see on_late).
+    {
+        std::lock_guard<std::mutex> hold(simulator_.lock());
+        link->ended = true;
     }
     // Ended, not reaped yet: from here the stop need not wait for it, and
     // cannot kill another process that takes its pid.

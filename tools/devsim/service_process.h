@@ -79,6 +79,9 @@ public:
     // process, which has a thread for the call already; its reading then
     // goes on in a new thread, while the delayed call keeps this one.
     static bool delaying(bool starts);
+    // For the simulator's late hook: false when the calling thread answers
+    // a call whose service's process has ended since it forwarded it.
+    static bool call_wanted();
 
     // Kills the service's process at once (SIGKILL) and answers once it is
     // gone; a new one publishes again after restart_after_ms (below 0: at

@@ -496,6 +496,8 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
         if (on_delay_)
             on_delay_(false);
         injected = false;  // late, then served as usual
+        if (on_late_ && !on_late_())
+            injected = true, fault.status = Fault::kFailCall, why = "its service's process ended while it waited";
     } else if (injected && fault.delay_ms > 0) {
         fault.status = Fault::kFailCall;
         why = "too many delayed calls waiting";
