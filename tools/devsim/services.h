@@ -170,6 +170,12 @@ public:
     // its caller had the dead reply). Such a call is failed unserved: a
     // crashed service's late calls change nothing.
     void on_late(std::function<bool()> f) { on_late_ = std::move(f); }
+    // For a method that may wait long for something besides the device
+    // (SendBroadcast, for room in an endpoint's queue), on its serving
+    // thread: with true before it waits, lets go of the device's lock and
+    // has another thread serve meanwhile, as a delay does; with false
+    // after, takes the lock back. Does nothing outside a call.
+    static void waiting(bool starts);
 
     // Called after each call to a device service with its trace record, and
     // with null after each request to the extra service (which may have
