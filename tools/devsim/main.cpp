@@ -210,15 +210,23 @@ int main(int argc, char **argv)
     std::set<std::string> names;
     for (const Service *s : published)
         names.insert(s->name);
+    // The services' processes run from here on: leave without the
+    // destructors of what watches them (their threads run on), the
+    // processes ended first.
+    auto leave = [](int status) {
+        hmisvc::devsim::ServiceProcesses::end_all();
+        std::fflush(nullptr);
+        std::_Exit(status);
+    };
     if (std::string why = publisher.start(names); !why.empty())
-        return fail(why);
+        leave(fail(why));
     Control control(device, simulator, publisher);
     simulator.add_extra(&control.service());
     control.remember_start(names);
     if (!scenario.empty())
         if (auto r = control.check_scenario(scenario); r.code != Control::Result::kDone) {
             std::fprintf(stderr, "hmisvc-devsim: %s: %s\n", scenario_file.c_str(), r.text.c_str());
-            return 2;
+            leave(2);
         }
 
 #ifdef HMISVC_PANEL
@@ -226,24 +234,18 @@ int main(int argc, char **argv)
     if (!http.empty()) {
         panel = std::make_unique<hmisvc::devsim::PanelServer>(control, simulator, publisher);
         if (std::string err = panel->start(http_address); !err.empty())
-            return fail(err);
+            leave(fail(err));
         std::string shown = http_address.host == "0.0.0.0" || http_address.host == "::" ? "127.0.0.1"
                             : http_address.host.find(':') != std::string::npos ? "[" + http_address.host + "]"
                                                                                : http_address.host;
         std::string url = "http://" + shown + ":" + std::to_string(panel->port()) + "/";
         std::printf("hmisvc-devsim: panel at %s#token=%s\n", url.c_str(), panel->token().c_str());
         if (std::string err = write_http_info(http_info, url, panel->port(), panel->token()); !err.empty())
-            return fail(err);
+            leave(fail(err));
     }
 #endif
 
     published.push_back(&control.service());
-    // The services' processes run by now: leave without the destructors of
-    // what watches them (they end when our end of their socket closes).
-    auto leave = [](int status) {
-        std::fflush(nullptr);
-        std::_Exit(status);
-    };
     for (const Service *s : published) {
         // The services' processes published theirs as they started.
         int status = publisher.separate(s->name) ? publisher.start_status(s->name)
@@ -301,5 +303,5 @@ int main(int argc, char **argv)
         }).detach();
     hmisvc::tools::serve(bs, handler, hmisvc::devsim::kReplyArea, true);
     // The loop returns only when the driver failed; it has said why.
-    std::_Exit(1);
+    leave(1);
 }

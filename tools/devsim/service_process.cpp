@@ -342,25 +342,32 @@ std::atomic<pid_t> running_pids[kMaxProcesses];
 std::atomic<pid_t> main_pid{0};
 std::atomic<bool> stopped{false};
 
-void stop_on_signal(int sig)
+void kill_and_reap()
 {
     // Not in a fork that has yet to become a service's process.
-    if (getpid() == main_pid.load()) {
-        stopped = true;
-        for (auto &p : running_pids)
-            if (pid_t pid = p.load(); pid > 0)
-                kill(pid, SIGKILL);
-        // One its reading thread reaps meanwhile is gone as well (ECHILD).
-        for (auto &p : running_pids)
-            if (pid_t pid = p.load(); pid > 0)
-                while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-                }
-    }
+    if (getpid() != main_pid.load())
+        return;
+    stopped = true;
+    for (auto &p : running_pids)
+        if (pid_t pid = p.load(); pid > 0)
+            kill(pid, SIGKILL);
+    // One its reading thread reaps meanwhile is gone as well (ECHILD).
+    for (auto &p : running_pids)
+        if (pid_t pid = p.load(); pid > 0)
+            while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+            }
+}
+
+void stop_on_signal(int sig)
+{
+    kill_and_reap();
     std::signal(sig, SIG_DFL);
     raise(sig);  // ends the process as the signal would have
 }
 
 }  // namespace
+
+void ServiceProcesses::end_all() { kill_and_reap(); }
 
 struct ServiceProcesses::Child {
     std::string name;

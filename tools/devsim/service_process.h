@@ -90,6 +90,9 @@ public:
     // Starts a crashed service's process again; answers once it serves and
     // is published again. "" or why not.
     std::string restart(const std::string &name);
+    // Before the main process exits: kills every service's process and
+    // reaps it, so that none outlives the simulator holding a name.
+    static void end_all();
 
 private:
     struct Child;
