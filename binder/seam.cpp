@@ -19,6 +19,7 @@
 #include <fcntl.h>
 #include <mutex>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -44,6 +45,23 @@ uint64_t generations = 0;
 // goes straight to the device.
 std::atomic<bool> any_session{false};
 
+// The free of the reply buffer a thread's last call got, held back to travel
+// with the thread's next request on the same connection: a call's reply is
+// freed just before the next call, and sent alone the free would cost the
+// driver a wake-up of its own. Only a reply buffer waits so: it gates no
+// one-way delivery and takes room only in the caller's own mapping, as a
+// caller that frees it a little later would.
+constexpr size_t kHeldReplyMax = 256;
+struct HeldFree {
+    int fd = -1; // the connection it goes on; -1 when none is held
+    uint64_t generation = 0;
+    binder_uintptr_t reply = 0; // the buffer of the last reply read, 0 when none
+    int reply_fd = -1;
+    unsigned char bytes[sizeof(uint32_t) + sizeof(binder_uintptr_t)];
+};
+
+bool send_request(int fd, msghdr &msg);
+
 // This thread's connections: (process connection, generation) -> its own.
 struct ThreadConnections {
     struct Entry {
@@ -52,9 +70,11 @@ struct ThreadConnections {
         int fd;
     };
     std::vector<Entry> entries;
+    HeldFree held;
     ~ThreadConnections()
     {
         std::lock_guard<std::mutex> hold(sessions_lock);
+        flush_held(false);
         for (const Entry &e : entries) {
             auto s = sessions.find(e.session);
             if (e.fd == e.session || s == sessions.end() || s->second.generation != e.generation)
@@ -63,6 +83,30 @@ struct ThreadConnections {
             fds.erase(std::remove(fds.begin(), fds.end(), e.fd), fds.end());
             close(e.fd);
         }
+    }
+    // Sends the held free on its own (posted) where its connection is still
+    // open; `lock` when sessions_lock is not held yet.
+    void flush_held(bool lock)
+    {
+        if (held.fd < 0)
+            return;
+        std::unique_lock<std::mutex> hold(sessions_lock, std::defer_lock);
+        if (lock)
+            hold.lock();
+        const bool open = std::any_of(sessions.begin(), sessions.end(), [&](const auto &s) {
+            return s.second.generation == held.generation;
+        });
+        if (open) {
+            binder_write_read bwr{};
+            bwr.write_size = sizeof held.bytes;
+            seam::Request head{seam::kIoctl, static_cast<uint32_t>(BINDER_WRITE_READ), seam::kPosted};
+            iovec iov[3] = {{&head, sizeof head}, {&bwr, sizeof bwr}, {held.bytes, sizeof held.bytes}};
+            msghdr msg{};
+            msg.msg_iov = iov;
+            msg.msg_iovlen = 3;
+            send_request(held.fd, msg);
+        }
+        held.fd = -1;
     }
 };
 thread_local ThreadConnections thread_connections;
@@ -175,7 +219,7 @@ bool send_request(int fd, msghdr &msg)
     msghdr large{};
     large.msg_iov = &iov;
     large.msg_iovlen = 1;
-    seam::PassedFd room;
+    seam::PassedFd room{};
     seam::pass_fd(large, room, memfd);
     const bool sent = wait_for(fd, POLLOUT, [&] { return sendmsg(fd, &large, MSG_NOSIGNAL); });
     const int error = errno;
@@ -324,7 +368,7 @@ bool add_writes(Pieces &out, const binder_write_read &bwr, bool *posted)
 
 // The calling thread's connection to the process `fd` opened; -1 when `fd`
 // is no userspace driver's connection.
-int thread_connection(int fd, bool *userspace, bool borrow)
+int thread_connection(int fd, bool *userspace, bool borrow, uint64_t *session_generation)
 {
     uint64_t generation, token;
     *userspace = false;
@@ -339,6 +383,7 @@ int thread_connection(int fd, bool *userspace, bool borrow)
         generation = s->second.generation;
         token = s->second.token;
     }
+    *session_generation = generation;
     auto &entries = thread_connections.entries;
     // Entries of connections since closed under the same descriptor go.
     entries.erase(std::remove_if(entries.begin(), entries.end(),
@@ -378,6 +423,14 @@ int seam_open()
     const char *path = std::getenv(seam::kSocketEnv);
     if (!path || !*path)
         return open("/dev/binder", O_RDWR);
+    // A forked child does not send the free its parent held back.
+    static std::once_flag at_fork;
+    std::call_once(at_fork, [] {
+        pthread_atfork(nullptr, nullptr, [] {
+            thread_connections.held.fd = -1;
+            thread_connections.held.reply = 0;
+        });
+    });
     const int fd = connect_driver(path);
     if (fd < 0)
         return -1;
@@ -424,11 +477,43 @@ void *seam_map(int fd, size_t size)
     return map;
 }
 
+// Whether a posted write is the free of the reply buffer this thread's last
+// call got on `own`, and so may wait for the thread's next request.
+bool holdable_free(const binder_write_read &bwr, int own)
+{
+    const HeldFree &held = thread_connections.held;
+    if (held.reply == 0 || held.reply_fd != own || held.fd >= 0 ||
+        bwr.write_size - bwr.write_consumed != sizeof held.bytes)
+        return false;
+    const auto *cmds = native_ptr<const unsigned char>(bwr.write_buffer) + bwr.write_consumed;
+    return read_at<uint32_t>(cmds) == BC_FREE_BUFFER &&
+           read_at<binder_uintptr_t>(cmds + sizeof(uint32_t)) == held.reply;
+}
+
+// Notes the buffer of a reply among the bytes just read on `own`.
+void note_reply(const unsigned char *read, size_t size, int own)
+{
+    for (size_t pos = 0; pos + sizeof(uint32_t) <= size;) {
+        const auto cmd = read_at<uint32_t>(read + pos);
+        pos += sizeof cmd;
+        if (cmd == BR_REPLY && pos + sizeof(binder_transaction_data) <= size) {
+            const auto txn = read_at<binder_transaction_data>(read + pos);
+            // A large reply's room is wanted back at once.
+            const bool small = txn.data_size + txn.offsets_size <= kHeldReplyMax;
+            thread_connections.held.reply = small ? txn.data.ptr.buffer : 0;
+            thread_connections.held.reply_fd = own;
+        }
+        pos += _IOC_SIZE(cmd);
+    }
+}
+
 int seam_ioctl(int fd, unsigned long code, void *arg)
 {
     bool userspace = false;
-    const int own = thread_connection(
-        fd, &userspace, code == BINDER_WRITE_READ && arg && thread_agnostic(*static_cast<binder_write_read *>(arg)));
+    uint64_t generation = 0;
+    const bool agnostic =
+        code == BINDER_WRITE_READ && arg && thread_agnostic(*static_cast<binder_write_read *>(arg));
+    const int own = thread_connection(fd, &userspace, agnostic, &generation);
     if (!userspace)
         return ioctl(fd, code, arg);
     if (own < 0)
@@ -438,22 +523,51 @@ int seam_ioctl(int fd, unsigned long code, void *arg)
         errno = EINVAL;
         return -1;
     }
-    Pieces out;
-    // The file's flag on the device is every thread's: here the process's.
-    const int flags = fcntl(fd, F_GETFL);
-    out.head = {seam::kIoctl, static_cast<uint32_t>(code),
-                flags >= 0 && (flags & O_NONBLOCK) ? seam::kNonBlock : 0};
-    out.add(&out.head, sizeof out.head);
-    if ((_IOC_DIR(code) & _IOC_WRITE) && arg)
-        out.add(arg, size);
+    HeldFree &held = thread_connections.held;
     auto *bwr = code == BINDER_WRITE_READ ? static_cast<binder_write_read *>(arg) : nullptr;
+    // A held free goes first, within this request when it is a write-read
+    // on the same connection.
+    const bool prepend = held.fd == own && held.generation == generation && bwr;
+    if (held.fd >= 0 && !prepend)
+        thread_connections.flush_held(true);
+    Pieces out;
+    out.head = {seam::kIoctl, static_cast<uint32_t>(code), 0};
+    out.add(&out.head, sizeof out.head);
+    binder_write_read sent{};
+    if (prepend) {
+        sent = *bwr;
+        sent.write_size += sizeof held.bytes;
+        out.add(&sent, sizeof sent);
+        out.add(held.bytes, sizeof held.bytes);
+    } else if ((_IOC_DIR(code) & _IOC_WRITE) && arg) {
+        out.add(arg, size);
+    }
+    const size_t extra = prepend ? sizeof held.bytes : 0;
+    // The file's flag on the device is every thread's: here the process's.
+    // A posted write carries it too: it tells the driver the thread polls.
+    auto nonblock = [fd] {
+        const int flags = fcntl(fd, F_GETFL);
+        return flags >= 0 && (flags & O_NONBLOCK) ? seam::kNonBlock : uint64_t{0};
+    };
     bool posted = false;
     if (bwr && !add_writes(out, *bwr, &posted)) {
         errno = E2BIG;
         return -1;
     }
+    // Sent now, or kept for the next request when this one fails before it goes.
+    held.fd = -1;
     if (posted && bwr->write_size > bwr->write_consumed) {
-        out.head.value |= seam::kPosted;
+        if (!extra && holdable_free(*bwr, own)) {
+            std::memcpy(held.bytes,
+                        native_ptr<const unsigned char>(bwr->write_buffer) + bwr->write_consumed,
+                        sizeof held.bytes);
+            held.fd = own;
+            held.generation = generation;
+            held.reply = 0;
+            bwr->write_consumed = bwr->write_size;
+            return 0;
+        }
+        out.head.value |= seam::kPosted | nonblock();
         msghdr msg{};
         msg.msg_iov = out.iov;
         msg.msg_iovlen = static_cast<size_t>(out.count);
@@ -462,6 +576,7 @@ int seam_ioctl(int fd, unsigned long code, void *arg)
         bwr->write_consumed = bwr->write_size;
         return 0;
     }
+    out.head.value |= nonblock();
     // The argument comes back beside it; the bytes read land in place.
     alignas(8) unsigned char back[kMaxArg];
     Landing in;
@@ -473,12 +588,22 @@ int seam_ioctl(int fd, unsigned long code, void *arg)
         in.read = native_ptr<unsigned char>(bwr->read_buffer) + bwr->read_consumed;
         in.read_room = static_cast<size_t>(bwr->read_size - bwr->read_consumed);
     }
+    const auto consumed = bwr ? bwr->write_consumed : 0;
     const int res = exchange(own, out, in);
+    const int saved = errno;
     if (in.arg_back) {
-        const int saved = errno;
         std::memcpy(arg, back, size);
-        errno = saved;
+        if (extra) {
+            // The held free's bytes were the driver's, not the caller's.
+            bwr->write_size -= extra;
+            bwr->write_consumed = bwr->write_consumed >= consumed + extra
+                                      ? bwr->write_consumed - extra
+                                      : consumed;
+        }
     }
+    if (bwr && in.read_got)
+        note_reply(static_cast<const unsigned char *>(in.read), in.read_got, own);
+    errno = saved;
     return res;
 }
 

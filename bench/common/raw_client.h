@@ -28,6 +28,10 @@ private:
     size_t transact(uint32_t handle, uint32_t code, const void *payload, size_t size, uint32_t *words,
                     size_t max_words, bool acquire_ref = false);
 
+    // The kernel's device, or a userspace driver's connection through the seam.
+    int ioctl(unsigned long request, void *arg);
+
+    struct binder_connection *bs_ = nullptr;
     int fd_ = -1;
     void *map_ = nullptr;
     uint32_t map_size_ = 0;

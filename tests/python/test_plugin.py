@@ -137,6 +137,37 @@ def test_each_test_gets_the_device_as_it_started(pytester):
     result.assert_outcomes(passed=2)
 
 
+@pytest.mark.skipif(not os.environ.get("HMISVC_BINDER_SOCKET"),
+                    reason="a worker's own session is made on a userspace driver")
+def test_xdist_workers_each_get_a_session_of_their_own(pytester, tmp_path, monkeypatch):
+    pytest.importorskip("xdist")
+    # Each test says which driver its worker has and steers the device while
+    # the other worker does the same with other values.
+    monkeypatch.setenv("SEEN", str(tmp_path / "seen"))
+    pytester.makepyfile(test_inner=textwrap.dedent(f"""
+        import os
+        import pytest
+        @pytest.mark.parametrize("value", [11, 22, 33, 44, 55, 66])
+        def test_steers_its_own_device(hmisvc_device, hmisvc_app, value):
+            with open(os.environ["SEEN"], "a") as f:
+                f.write(os.environ["PYTEST_XDIST_WORKER"] + " " + os.environ["HMISVC_BINDER_SOCKET"] + "\\n")
+            hmisvc_device.set("backlight.brightness", value)
+            hmisvc_app([{HMISVC!r}, "backlight", "get"]).expect(rf"\\b{{value}}\\b")
+            assert hmisvc_device.state()["backlight"]["brightness"] == value
+    """))
+    result = pytester.runpytest_subprocess("-p", "hmisvc_pytest", "-n", "2")
+    result.assert_outcomes(passed=6)
+    seen = {}
+    for line in (tmp_path / "seen").read_text().splitlines():
+        worker, socket = line.split()
+        seen.setdefault(worker, set()).add(socket)
+    assert len(seen) == 2, seen
+    sockets = [s for worker in seen.values() for s in worker]
+    # One driver per worker, and no worker's is the runner's.
+    assert all(len(worker) == 1 for worker in seen.values()), seen
+    assert len(set(sockets)) == 2 and os.environ["HMISVC_BINDER_SOCKET"] not in sockets, seen
+
+
 def test_application_output_input_and_end(hmisvc_app):
     app = hmisvc_app("echo to-out; echo to-err >&2; read line; echo got:$line; exit 3")
     app.expect("to-err")

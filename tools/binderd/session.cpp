@@ -35,7 +35,7 @@ void send_packet(int fd, const void *data, size_t size, int pass_fd)
     msghdr msg{};
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
-    seam::PassedFd room;
+    seam::PassedFd room{};
     if (pass_fd >= 0)
         seam::pass_fd(msg, room, pass_fd);
     // A peer that went away is noticed as a hangup by the loop.

@@ -210,7 +210,15 @@ int main(int argc, char **argv)
     std::set<std::string> names;
     for (const Service *s : published)
         names.insert(s->name);
-    // The services' processes run from here on: leave without the
+    // A scenario that cannot run refuses the start before any service's
+    // process runs.
+    Control control(device, simulator, publisher);
+    if (!scenario.empty())
+        if (auto r = control.check_scenario(scenario); r.code != Control::Result::kDone) {
+            std::fprintf(stderr, "hmisvc-devsim: %s: %s\n", scenario_file.c_str(), r.text.c_str());
+            return 2;
+        }
+    // From here the services' processes may run: leave without the
     // destructors of what watches them (their threads run on), the
     // processes ended first.
     auto leave = [](int status) {
@@ -220,14 +228,8 @@ int main(int argc, char **argv)
     };
     if (std::string why = publisher.start(names); !why.empty())
         leave(fail(why));
-    Control control(device, simulator, publisher);
     simulator.add_extra(&control.service());
     control.remember_start(names);
-    if (!scenario.empty())
-        if (auto r = control.check_scenario(scenario); r.code != Control::Result::kDone) {
-            std::fprintf(stderr, "hmisvc-devsim: %s: %s\n", scenario_file.c_str(), r.text.c_str());
-            leave(2);
-        }
 
 #ifdef HMISVC_PANEL
     std::unique_ptr<hmisvc::devsim::PanelServer> panel;

@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 
 using peer::Connection;
 
@@ -113,6 +114,20 @@ protected:
     Connection bs{binder_open(MAP_SIZE)};
 };
 
+// ECHO_ADD1 of `arg`, its reply given back: the answer, or -1 when the call failed.
+int64_t add1_given_back(binder_connection *bs, uint32_t handle, uint32_t arg)
+{
+    char area[64];
+    binder_io msg, reply;
+    bio_init(&msg, area, sizeof area, 4);
+    bio_put_uint32(&msg, arg);
+    if (binder_call(bs, &msg, &reply, handle, peer::ECHO_ADD1) != 0)
+        return -1;
+    const int64_t answer = bio_get_uint32(&reply);
+    binder_done(bs, &msg, &reply);
+    return answer;
+}
+
 // Each reply occupies the caller's mapping until binder_done gives it back:
 // a 1024-byte mapping (the kernel maps a page: room for 1024 one-word replies
 // on a 32-bit kernel, 512 on a 64-bit one) serves any number of calls that do
@@ -123,15 +138,22 @@ TEST_F(BinderDriver, RepliesGivenBackKeepASmallMappingUsable)
     ASSERT_NE(small, nullptr);
     auto [service, handle] = ::serve("drv.many", small.get());
     ASSERT_NE(handle, 0u);
-    for (uint32_t i = 0; i < 5000; ++i) {
-        char area[64];
-        binder_io msg, reply;
-        bio_init(&msg, area, sizeof area, 4);
-        bio_put_uint32(&msg, i);
-        ASSERT_EQ(binder_call(small.get(), &msg, &reply, handle, peer::ECHO_ADD1), 0)
-            << "call " << i;
-        ASSERT_EQ(bio_get_uint32(&reply), i + 1) << "call " << i;
-        binder_done(small.get(), &msg, &reply);
+    for (uint32_t i = 0; i < 5000; ++i)
+        ASSERT_EQ(add1_given_back(small.get(), handle, i), i + 1) << "call " << i;
+}
+
+// The same when each call comes from a thread of its own that gives its reply
+// back and ends: more threads than the mapping holds replies, one at a time.
+TEST_F(BinderDriver, RepliesGivenBackByThreadsThatEndKeepASmallMappingUsable)
+{
+    Connection small(binder_open(1024));
+    ASSERT_NE(small, nullptr);
+    auto [service, handle] = ::serve("drv.threads", small.get());
+    ASSERT_NE(handle, 0u);
+    for (uint32_t i = 0; i < 1100; ++i) {
+        int64_t answer = -1;
+        std::thread([&] { answer = add1_given_back(small.get(), handle, i); }).join();
+        ASSERT_EQ(answer, i + 1) << "call " << i;
     }
 }
 

@@ -23,6 +23,20 @@ constexpr int READY_TIMEOUT_MS = 60000;
 std::unique_ptr<Child> service_manager;
 std::unique_ptr<Child> devsim;
 
+// Runs `args` in place of this process; where the tests themselves run
+// under a user-mode emulator (a device build on this host), through the
+// program HMISVC_TEST_EMULATOR names, which runs the device's programs.
+void exec_program(std::vector<std::string> args)
+{
+    if (const char *emulator = std::getenv("HMISVC_TEST_EMULATOR"); emulator && *emulator)
+        args.insert(args.begin(), emulator);
+    std::vector<char *> argv;
+    for (auto &a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+}
+
 }  // namespace
 
 Child::Child(std::function<int(int ready_fd)> body)
@@ -56,7 +70,7 @@ void Child::kill()
 bool start_service_manager(const char *path)
 {
     service_manager = std::make_unique<Child>([path](int) {
-        execl(path, path, "--verbose", static_cast<char *>(nullptr));
+        exec_program({path, "--verbose"});
         return 127;
     });
     // It answers once it is the context manager; before that a call to
@@ -104,11 +118,7 @@ std::unique_ptr<Child> start_program(std::vector<std::string> args)
 {
     return std::make_unique<Child>([args](int ready_fd) {
         dup2(ready_fd, STDOUT_FILENO);
-        std::vector<char *> argv;
-        for (const auto &a : args)
-            argv.push_back(const_cast<char *>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
+        exec_program(args);
         return 127;
     });
 }
