@@ -69,8 +69,13 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
     bool refusing_large = false;
     std::map<std::string, EndpointPtr> endpoints;
     // A death record must outlive its handle's notification; endpoints
-    // linked to one stay here until it has come.
+    // linked to one stay here until it has come, or their handle is
+    // released: the driver then drops the notification, but one it handed
+    // out already may still be on its way to us, so the last kRetired
+    // released are kept a while longer, the oldest let go first.
     std::map<Endpoint *, EndpointPtr> linked;
+    static constexpr std::size_t kRetired = 2 * kMaxEndpoints;
+    std::deque<EndpointPtr> retired;
     uint64_t sent = 0;
     std::size_t queued_bytes = 0;
     uint64_t dropped_intents = 0;
@@ -147,9 +152,15 @@ struct BroadcastHub::Shared : std::enable_shared_from_this<Shared> {
 
     void release(Endpoint &ep)
     {
-        if (ep.handle && !ep.busy) {
-            binder_release(bs.load(), ep.handle);
-            ep.handle = 0;
+        if (!ep.handle || ep.busy)
+            return;
+        binder_release(bs.load(), ep.handle);
+        ep.handle = 0;
+        if (auto found = linked.find(&ep); found != linked.end()) {
+            retired.push_back(std::move(found->second));
+            linked.erase(found);
+            if (retired.size() > kRetired)
+                retired.pop_front();
         }
     }
 
@@ -341,7 +352,7 @@ bool BroadcastHub::add(const std::string &name)
     return true;
 }
 
-bool BroadcastHub::send(const std::string &payload)
+bool BroadcastHub::send(const std::string &payload, void (*waiting)(bool))
 {
     Shared &hub = *shared_;
     std::unique_lock<std::mutex> lock(hub.mutex);
@@ -363,10 +374,19 @@ bool BroadcastHub::send(const std::string &payload)
     std::vector<Shared::EndpointPtr> targets;
     for (auto &entry : hub.endpoints)
         targets.push_back(entry.second);
+    bool waited = false;
     for (const Shared::EndpointPtr &ep : targets) {
         while (!hub.stopping && !ep->dropped && ep->queue.size() >= kMaxQueued &&
-               Steady::now() < ep->progress + kStuck)
+               Steady::now() < ep->progress + kStuck) {
+            if (waiting && !waited) {  // then looked at again
+                waited = true;
+                lock.unlock();
+                waiting(true);
+                lock.lock();
+                continue;
+            }
             hub.room.wait_until(lock, ep->progress + kStuck);
+        }
         if (hub.stopping || ep->dropped)
             continue;
         if (ep->queue.size() >= kMaxKept)
@@ -379,6 +399,9 @@ bool BroadcastHub::send(const std::string &payload)
         hub.push(*ep, queued);
         hub.schedule(ep);
     }
+    lock.unlock();
+    if (waited)
+        waiting(false);
     return true;
 }
 

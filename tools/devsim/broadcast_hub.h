@@ -53,8 +53,10 @@ public:
     bool add(const std::string &name);
     // Code 1: queues the payload for every endpoint; returns at once unless
     // a queue is full (see kMaxQueued). False (and said on standard error)
-    // when it is larger than kMaxIntentBytes.
-    bool send(const std::string &payload);
+    // when it is larger than kMaxIntentBytes. `waiting` is told (true)
+    // before it waits for room, on no lock of the hub's, and (false) once
+    // done, so that the caller can let others be served meanwhile.
+    bool send(const std::string &payload, void (*waiting)(bool) = nullptr);
     // Forgets every endpoint, as the broadcast service's process does when
     // it ends: their queues are dropped, a delivery in flight ends with its
     // call, and each must register again.

@@ -219,9 +219,10 @@ int main(int argc, char **argv)
             return 2;
         }
     // From here the services' processes may run: leave without the
-    // destructors of what watches them (they end when our end of their
-    // socket closes).
+    // destructors of what watches them (their threads run on), the
+    // processes ended first.
     auto leave = [](int status) {
+        hmisvc::devsim::ServiceProcesses::end_all();
         std::fflush(nullptr);
         std::_Exit(status);
     };
@@ -304,5 +305,5 @@ int main(int argc, char **argv)
         }).detach();
     hmisvc::tools::serve(bs, handler, hmisvc::devsim::kReplyArea, true);
     // The loop returns only when the driver failed; it has said why.
-    std::_Exit(1);
+    leave(1);
 }

@@ -229,7 +229,10 @@ struct PanelServer::Impl {
     bool stopping = false;
     std::set<Stream *> streams;
     std::set<Connection *> connections;
-    int holding = 0;  // waits and scenarios running
+    int holding = 0;  // waits and scenarios running, their connections not taken up again yet
+    // Of those, the ones not answered yet: what the limit counts, so that a
+    // client answered may at once ask again.
+    int places = 0;
     std::condition_variable held_ended;
     uint64_t events_dropped = 0;
     std::thread pusher;
@@ -575,10 +578,10 @@ struct PanelServer::Impl {
         int fd = -1;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            if (holding >= Control::kMaxHeld || stopping)
+            if (places >= Control::kMaxHeld || stopping)
                 return error(c, MHD_HTTP_CONFLICT,
                              "too many waits and scenarios held at once (" + std::to_string(Control::kMaxHeld) + ")");
-            ++holding;
+            ++holding, ++places;
             // Held as long as the wait or the scenario lasts, not cut at the
             // request deadline.
             auto *info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
@@ -596,6 +599,7 @@ struct PanelServer::Impl {
             {
                 std::lock_guard<std::mutex> lock(mutex);
                 upload.answer = std::move(answer);
+                --places;
             }
             // Not under the lock: the server's thread takes it in its callbacks.
             MHD_resume_connection(c);

@@ -1,6 +1,7 @@
 #include "service_process.h"
 
 #include "looper.h"
+#include "svcmgr_client.h"
 
 #include <binder/protocol.h>
 
@@ -13,7 +14,10 @@
 #include <functional>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -123,6 +127,80 @@ bool read_frame(int fd, Frame &frame)
 constexpr int kServiceLoopers = 4;
 constexpr int kMaxServiceThreads = kServiceLoopers + Simulator::kMaxDelayed;
 
+// The pid of a process running now, as /proc/PID/stat tells it: its state
+// and parent. False when it has gone (or is a zombie: it holds nothing).
+bool running(pid_t pid, pid_t *parent = nullptr)
+{
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+    std::FILE *f = std::fopen(path, "r");
+    if (!f)
+        return false;
+    char text[512];
+    std::size_t n = std::fread(text, 1, sizeof text - 1, f);
+    std::fclose(f);
+    text[n] = '\0';
+    // The name in parentheses may hold anything: read past its last ')'.
+    char state = 0;
+    int ppid = 0;
+    const char *rest = std::strrchr(text, ')');
+    if (!rest || std::sscanf(rest + 1, " %c %d", &state, &ppid) != 2 || state == 'Z' || state == 'X')
+        return false;
+    if (parent)
+        *parent = ppid;
+    return true;
+}
+
+// Whether PID runs this program: 1 yes, 0 no, -1 cannot tell (a process
+// ending has no program any more).
+int this_program(pid_t pid)
+{
+    struct stat ours {}, theirs {};
+    if (stat("/proc/self/exe", &ours) != 0 || stat(("/proc/" + std::to_string(pid) + "/exe").c_str(), &theirs) != 0)
+        return -1;
+    return ours.st_dev == theirs.st_dev && ours.st_ino == theirs.st_ino;
+}
+
+// How long a new simulator waits for the process of a stopped one that
+// still holds a name; it ends within moments (its main process has gone,
+// see run_service_process), this only bounds a process that does not.
+constexpr int kOrphanWaitMs = 5000;
+
+// Publishes the service's name. Held by a service's process of a simulator
+// that has stopped (its parent is no running simulator: one that was
+// killed, its processes ending a moment later), its end is waited for, on
+// the event, and the name published then. One of a running simulator, or
+// another program's, keeps the name: refused at once.
+int publish_name(binder_connection *bs, tools::Publisher &publisher, const std::string &name, void *object)
+{
+    int status = publisher.publish(name, object);
+    if (status == 0 || status == -1)
+        return status;
+    pid_t holder = tools::svcmgr_holder(bs, name.c_str());
+    if (holder <= 0 || holder == getpid())
+        return status;
+    pid_t parent = 0;
+    if (!running(holder, &parent))  // ended since
+        return publisher.publish(name, object);
+    bool simulator_runs = running(parent) && this_program(parent) == 1;
+    if (simulator_runs || this_program(holder) == 0)
+        return status;
+#ifdef SYS_pidfd_open
+    int ended = static_cast<int>(syscall(SYS_pidfd_open, holder, 0));
+    if (ended < 0)
+        return errno == ESRCH ? publisher.publish(name, object) : status;
+    std::fprintf(stderr, "hmisvc-devsim: \"%s\" is held by pid %d, a process of a simulator that stopped: "
+                 "waiting for it to end\n", name.c_str(), static_cast<int>(holder));
+    pollfd p{ended, POLLIN, 0};
+    while (poll(&p, 1, kOrphanWaitMs) < 0 && errno == EINTR) {
+    }
+    close(ended);
+    return publisher.publish(name, object);
+#else
+    return status;
+#endif
+}
+
 }  // namespace
 
 // ---- the service's process ----
@@ -134,6 +212,13 @@ int run_service_process(const std::string &name, int fd, bool publish)
     // main process would take for a fault and restart.
     for (int sig : {SIGINT, SIGQUIT, SIGHUP})
         std::signal(sig, SIG_IGN);
+    std::signal(SIGTERM, SIG_DFL);  // not the main process's stop (a fork inherits it)
+    // Nor does it outlive the main process when that is killed outright
+    // while this one does not run (stopped, or starved of CPU): until it
+    // would read its socket's end, it would hold the service's name and
+    // the next simulator could not publish it. (The main process forks its
+    // processes from threads that live as long as it does.)
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     binder_connection *bs = binder_open(1024 * 1024);
     if (!bs)
         return 1;
@@ -208,7 +293,7 @@ int run_service_process(const std::string &name, int fd, bool publish)
     ready.pid = getpid();
     if (publish) {
         ready.code = 1;
-        ready.status = publisher.publish(name, &object);
+        ready.status = publish_name(bs, publisher, name, &object);
     }
     send_frame(fd, send_lock, ready, nullptr, nullptr);
     for (Frame frame; read_frame(fd, frame);) {
@@ -220,7 +305,7 @@ int run_service_process(const std::string &name, int fd, bool publish)
             Head answer;
             answer.kind = kAnswer;
             answer.id = frame.head.id;
-            answer.status = frame.head.kind == kPublish ? publisher.publish(name, &object)
+            answer.status = frame.head.kind == kPublish ? publish_name(bs, publisher, name, &object)
                                                         : publisher.unpublish(name, &object);
             send_frame(fd, send_lock, answer, nullptr, nullptr);
         }
@@ -237,6 +322,7 @@ int run_service_process(const std::string &name, int fd, bool publish)
 struct ServiceLink {
     int fd;
     std::mutex send_lock;
+    bool ended = false;  // its process: set under the simulator's lock
     explicit ServiceLink(int f) : fd(f) {}
     ~ServiceLink() { close(fd); }
     bool send(const Head &head, const void *data = nullptr, const binder_size_t *offsets = nullptr)
@@ -245,8 +331,47 @@ struct ServiceLink {
     }
 };
 
+namespace {
+
+// The main process's stop (SIGTERM, SIGINT, SIGHUP): its services'
+// processes are killed and reaped before it ends, so that once its parent
+// sees it gone they are gone too, their names free for the next
+// simulator. Read by the signal handler: lock-free atomics only.
+constexpr std::size_t kMaxProcesses = 64;
+std::atomic<pid_t> running_pids[kMaxProcesses];
+std::atomic<pid_t> main_pid{0};
+std::atomic<bool> stopped{false};
+
+void kill_and_reap()
+{
+    // Not in a fork that has yet to become a service's process.
+    if (getpid() != main_pid.load())
+        return;
+    stopped = true;
+    for (auto &p : running_pids)
+        if (pid_t pid = p.load(); pid > 0)
+            kill(pid, SIGKILL);
+    // One its reading thread reaps meanwhile is gone as well (ECHILD).
+    for (auto &p : running_pids)
+        if (pid_t pid = p.load(); pid > 0)
+            while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+            }
+}
+
+void stop_on_signal(int sig)
+{
+    kill_and_reap();
+    std::signal(sig, SIG_DFL);
+    raise(sig);  // ends the process as the signal would have
+}
+
+}  // namespace
+
+void ServiceProcesses::end_all() { kill_and_reap(); }
+
 struct ServiceProcesses::Child {
     std::string name;
+    std::size_t slot = 0;  // in running_pids
     const Service *service = nullptr;
     pid_t pid = 0;  // 0: down
     std::shared_ptr<ServiceLink> link;
@@ -266,8 +391,10 @@ ServiceProcesses::ServiceProcesses(binder_connection *bs, Simulator &simulator, 
 {
     // Every device service, the broadcast service too (its requests carry
     // names, not binder objects); the control service stays here.
+    simulator_.on_late(&ServiceProcesses::call_wanted);
     for (const Service &s : simulator_.services()) {
         auto child = std::make_unique<Child>();
+        child->slot = children_.size() % kMaxProcesses;
         child->name = s.name;
         child->service = &s;
         children_[s.name] = std::move(child);
@@ -282,6 +409,7 @@ ServiceProcesses::~ServiceProcesses()
         if (entry.second->pid > 0)
             kill(entry.second->pid, SIGKILL);
     changed_.notify_all();
+    launch_.notify_all();
 }
 
 namespace {
@@ -324,6 +452,11 @@ bool one_thread()
 std::string ServiceProcesses::start(const std::set<std::string> &publish)
 {
     std::unique_lock<std::mutex> lock(mutex_);
+    main_pid = getpid();
+    // As it was, when the shell ignores it (a background job's SIGINT).
+    for (int sig : {SIGTERM, SIGINT, SIGHUP})
+        if (struct sigaction was {}; sigaction(sig, nullptr, &was) == 0 && was.sa_handler != SIG_IGN)
+            std::signal(sig, stop_on_signal);
     // Each publishes its name as soon as it serves, all at once.
     for (auto &entry : children_)
         entry.second->want_published = publish.count(entry.first) != 0;
@@ -351,6 +484,8 @@ std::string ServiceProcesses::start(const std::set<std::string> &publish)
 // With mutex_ held.
 void ServiceProcesses::launch(Child &child, bool fork_only, bool read)
 {
+    if (stopped)
+        return;
     int fds[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
         std::fprintf(stderr, "hmisvc-devsim: cannot start the process of \"%s\": %s\n", child.name.c_str(),
@@ -385,6 +520,9 @@ void ServiceProcesses::launch(Child &child, bool fork_only, bool read)
         return;
     }
     child.pid = pid;
+    running_pids[child.slot] = pid;
+    if (stopped)  // forked as the stop's handler ran: killed as it would have
+        kill(pid, SIGKILL);
     child.link = std::make_shared<ServiceLink>(fds[0]);
     child.ready = child.republished = child.crashed = false;
     if (child.generation++ > 0)
@@ -433,8 +571,12 @@ namespace {
 // Set while a thread reading a service's process answers one of its calls:
 // hands the reading on to a new thread.
 thread_local std::function<void()> *hand_on = nullptr;
+// And the link it answers on.
+thread_local ServiceLink *answering = nullptr;
 
 }  // namespace
+
+bool ServiceProcesses::call_wanted() { return !answering || !answering->ended; }
 
 bool ServiceProcesses::delaying(bool starts)
 {
@@ -461,8 +603,10 @@ void ServiceProcesses::read_loop(Child *child, std::shared_ptr<ServiceLink> link
             };
             ++child->calls;
             hand_on = &hand;
+            answering = link.get();
             answer(simulator_, child->service, link, std::move(frame));
             hand_on = nullptr;
+            answering = nullptr;
             --child->calls;
             if (handed_on)
                 return;
@@ -493,12 +637,25 @@ void ServiceProcesses::read_loop(Child *child, std::shared_ptr<ServiceLink> link
         }
         changed_.notify_all();
     }
+    // Its delayed calls that go on from here change nothing (see on_late).
+    {
+        std::lock_guard<std::mutex> hold(simulator_.lock());
+        link->ended = true;
+    }
+    // Ended, not reaped yet: from here the stop need not wait for it, and
+    // cannot kill another process that takes its pid.
+    siginfo_t ended{};
+    while (waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+    }
+    running_pids[child->slot] = 0;
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
+    if (stopped)
+        return;
     if (on_end_)
         on_end_(child->name);
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
     child->pid = 0;
     child->ready = false;
     child->link.reset();
@@ -514,7 +671,34 @@ void ServiceProcesses::read_loop(Child *child, std::shared_ptr<ServiceLink> link
     else
         std::fprintf(stderr, "hmisvc-devsim: the process of \"%s\" (pid %d) was killed by signal %d; restarting it\n",
                      child->name.c_str(), pid, WTERMSIG(status));
-    launch(*child);
+    relaunch(*child, lock);
+}
+
+void ServiceProcesses::relaunch(Child &child, std::unique_lock<std::mutex> &lock)
+{
+    uint64_t ticket = ++launches_asked_;
+    to_launch_.push_back(&child);
+    if (!launcher_) {
+        std::thread(&ServiceProcesses::run_launcher, this).detach();
+        launcher_ = true;
+    }
+    launch_.notify_one();
+    changed_.wait(lock, [&] { return launches_done_ >= ticket || stopping_; });
+}
+
+void ServiceProcesses::run_launcher()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        launch_.wait(lock, [this] { return stopping_ || !to_launch_.empty(); });
+        if (stopping_)
+            return;
+        Child *c = to_launch_.front();
+        to_launch_.pop_front();
+        launch(*c);
+        ++launches_done_;
+        changed_.notify_all();
+    }
 }
 
 int ServiceProcesses::command(Child &child, uint32_t kind)
@@ -609,7 +793,7 @@ std::string ServiceProcesses::crash(const std::string &name, int restart_after_m
             changed_.wait_for(hold, std::chrono::milliseconds(restart_after_ms), [&] { return stopping_; });
             // Not when restarted by hand meanwhile, or the simulator stops.
             if (!stopping_ && c->crashed && c->generation == generation && c->pid == 0)
-                launch(*c);
+                relaunch(*c, hold);
         }).detach();
     }
     return {};
@@ -621,7 +805,7 @@ std::string ServiceProcesses::restart(const std::string &name)
     std::unique_lock<std::mutex> lock(mutex_);
     if (!c->crashed)
         return name + " is running (pid " + std::to_string(c->pid) + "); `hmisvc sim crash " + name + "` ends it";
-    launch(*c);
+    relaunch(*c, lock);
     // Answered once it serves and is published again (when it was).
     pid_t pid = c->pid;
     changed_.wait_for(lock, std::chrono::seconds(10), [&] { return c->republished || c->pid != pid; });

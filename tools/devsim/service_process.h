@@ -11,6 +11,7 @@
 #include "services.h"
 
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -78,6 +79,9 @@ public:
     // process, which has a thread for the call already; its reading then
     // goes on in a new thread, while the delayed call keeps this one.
     static bool delaying(bool starts);
+    // For the simulator's late hook: false when the calling thread answers
+    // a call whose service's process has ended since it forwarded it.
+    static bool call_wanted();
 
     // Kills the service's process at once (SIGKILL) and answers once it is
     // gone; a new one publishes again after restart_after_ms (below 0: at
@@ -86,6 +90,9 @@ public:
     // Starts a crashed service's process again; answers once it serves and
     // is published again. "" or why not.
     std::string restart(const std::string &name);
+    // Before the main process exits: kills every service's process and
+    // reaps it, so that none outlives the simulator holding a name.
+    static void end_all();
 
 private:
     struct Child;
@@ -94,6 +101,12 @@ private:
     // have one thread); otherwise it execs the program. With `read`, also
     // starts the thread that reads its socket.
     void launch(Child &child, bool fork_only = false, bool read = true);
+    // A launch once start() is done, with `lock` (on mutex_) held: made by
+    // the launcher thread, which lives as long as the simulator, since a
+    // process's parent-death signal follows the thread that forked it.
+    // Returns once launched.
+    void relaunch(Child &child, std::unique_lock<std::mutex> &lock);
+    void run_launcher();
     void read_loop(Child *child, std::shared_ptr<ServiceLink> link, pid_t pid);
     // Sends a command to a child and waits for its answer; -1 when it is down.
     int command(Child &child, uint32_t kind);
@@ -110,6 +123,10 @@ private:
     std::map<std::string, std::unique_ptr<Child>> children_;
     uint32_t next_id_ = 1;
     bool stopping_ = false;
+    std::deque<Child *> to_launch_;
+    uint64_t launches_asked_ = 0, launches_done_ = 0;
+    bool launcher_ = false;  // runs
+    std::condition_variable launch_;
 };
 
 }  // namespace hmisvc::devsim

@@ -184,7 +184,7 @@ std::vector<Service> make_services(Device &d)
                    return int{kBadRequest};
                if (trace)
                    (*trace)["args"] = Json::array({intent_json(payload)});
-               d.broadcasts.send(payload);
+               d.broadcasts.send(payload, &Simulator::waiting);
                put(reply, int32_t{0});
                return int{kOk};
            },
@@ -449,6 +449,27 @@ double seconds_since_epoch()
 
 }  // namespace
 
+namespace {
+
+// The call the calling thread serves: its hold on the device's lock, and
+// the delay hook (see Simulator::waiting).
+thread_local std::unique_lock<std::mutex> *serving_hold = nullptr;
+thread_local const std::function<void(bool)> *serving_delay = nullptr;
+
+}  // namespace
+
+void Simulator::waiting(bool starts)
+{
+    if (!serving_hold)
+        return;
+    if (!starts)
+        serving_hold->lock();
+    if (*serving_delay)
+        (*serving_delay)(starts);  // under the lock, as for a delay
+    if (starts)
+        serving_hold->unlock();
+}
+
 int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder_io &reply)
 {
     auto start = std::chrono::steady_clock::now();
@@ -496,6 +517,8 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
         if (on_delay_)
             on_delay_(false);
         injected = false;  // late, then served as usual
+        if (on_late_ && !on_late_())
+            injected = true, fault.status = Fault::kFailCall, why = "its service's process ended while it waited";
     } else if (injected && fault.delay_ms > 0) {
         fault.status = Fault::kFailCall;
         why = "too many delayed calls waiting";
@@ -525,7 +548,11 @@ int Simulator::handle(const binder_transaction_data &txn, binder_io &msg, binder
         trace["scripted"] = true;
     } else if (method) {
         Request in(msg);
-        auto run = [&] { status = method->run(in, reply, &trace); };
+        auto run = [&] {
+            serving_hold = &hold, serving_delay = &on_delay_;
+            status = method->run(in, reply, &trace);
+            serving_hold = nullptr, serving_delay = nullptr;
+        };
         // A change after which some answer (or the dump) could no longer
         // reach its caller is undone: an Ethernet record larger than its
         // proxy's mapping, say. Only a text or record argument can make

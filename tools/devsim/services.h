@@ -165,6 +165,17 @@ public:
     // transaction, so a delayed call keeps its thread. Set it before
     // serving starts.
     void on_delay(std::function<void(bool waiting)> f) { on_delay_ = std::move(f); }
+    // Asked, under the device's lock, once a delay is over: false when the
+    // call is no longer wanted (its service's process ended meanwhile, so
+    // its caller had the dead reply). Such a call is failed unserved: a
+    // crashed service's late calls change nothing.
+    void on_late(std::function<bool()> f) { on_late_ = std::move(f); }
+    // For a method that may wait long for something besides the device
+    // (SendBroadcast, for room in an endpoint's queue), on its serving
+    // thread: with true before it waits, lets go of the device's lock and
+    // has another thread serve meanwhile, as a delay does; with false
+    // after, takes the lock back. Does nothing outside a call.
+    static void waiting(bool starts);
 
     // Called after each call to a device service with its trace record, and
     // with null after each request to the extra service (which may have
@@ -221,6 +232,7 @@ private:
     std::condition_variable healed_;
     int delayed_ = 0;
     std::function<void(bool)> on_delay_;
+    std::function<bool()> on_late_;
     Observer observer_;
     std::map<const Method *, std::deque<Answer>> answers_;
     std::size_t queued_answers_ = 0, queued_bytes_ = 0;
