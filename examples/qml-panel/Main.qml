@@ -14,8 +14,8 @@ ApplicationWindow {
     visible: true
     title: "Panel"
 
-    Backlight { id: backlight; timeLimit: 500; refreshInterval: 1000 }
-    Wifi { id: wifi; timeLimit: 500; refreshInterval: 5000 }
+    Backlight { id: backlight; objectName: "backlight"; timeLimit: 500; refreshInterval: 1000 }
+    Wifi { id: wifi; objectName: "wifi"; timeLimit: 500; refreshInterval: 5000 }
     Broadcasts {
         id: broadcasts
         actions: ["hmi.action.show.settings"]
