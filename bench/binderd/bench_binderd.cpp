@@ -6,7 +6,9 @@
 // and after many processes have come and gone.
 //
 // Run it under the driver it measures: hmisvc-binderd -- bench_binderd
-// (target bench-binderd-native); the driver is its parent.
+// (target bench-binderd-native); the driver is its parent. With --kernel it
+// measures the round trips on the kernel's driver instead, e.g. in the guest:
+// hmisvc-run --guest --no-sim -- bench_binderd --kernel.
 #include "process.h"
 #include "svcmgr_client.h"
 #include "timing.h"
@@ -84,12 +86,14 @@ int main(int argc, char **argv)
     app.add_option("--calls", calls, "Calls per round")->check(CLI::Range(1u, 1000000u));
     app.add_option("--total", total, "Calls before the driver's memory is read")->check(CLI::Range(1u, 100000000u));
     app.add_option("--processes", processes, "Processes that open, call and end")->check(CLI::Range(0u, 100000u));
+    bool kernel = false;
+    app.add_flag("--kernel", kernel, "On the kernel's binder driver (/dev/binder): round trips only");
     CLI11_PARSE(app, argc, argv);
-    if (!std::getenv("HMISVC_BINDER_SOCKET")) {
+    if (!kernel && !std::getenv("HMISVC_BINDER_SOCKET")) {
         std::fprintf(stderr, "bench: run it under hmisvc-binderd (HMISVC_BINDER_SOCKET is not set)\n");
         return 2;
     }
-    const pid_t driver = getppid();
+    const pid_t driver = kernel ? 0 : getppid();
     const long rss_start = rss_kib(driver);
 
     if (!peer::start_service_manager(HMISVC_SERVICEMANAGER)) {
@@ -148,10 +152,12 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "bench: a call failed or answered wrongly\n");
         return 2;
     }
-    std::printf("GetDeviceType on hmisvc-binderd: %u rounds x %u calls of each, alternating\n", rounds, calls);
+    std::printf("GetDeviceType on %s: %u rounds x %u calls of each, alternating\n",
+                kernel ? "the kernel's driver" : "hmisvc-binderd", rounds, calls);
     print_round_trip("through the simulator", timed, calls);
     print_round_trip("to a service that answers at once", prompt_timed, calls);
-    std::printf("  driver RSS: %ld KiB at start, %ld KiB after %u calls, %ld KiB after %u processes\n",
-                rss_start, rss_calls, done, rss_processes, processes);
+    if (!kernel)
+        std::printf("  driver RSS: %ld KiB at start, %ld KiB after %u calls, %ld KiB after %u processes\n",
+                    rss_start, rss_calls, done, rss_processes, processes);
     return 0;
 }
