@@ -7,14 +7,12 @@ hmisvc_device: the simulator, freshly reset for each test (see Device).
 hmisvc_app: starts the application under test (see App); every process it
 started is stopped when the test ends.
 
-The service manager and the simulator are started once per session where
-a binder driver can be used, or the one already serving is used. Where there
-is no /dev/binder, hmisvc-run runs the session on a userspace driver:
-
-    hmisvc-run python3 -m pytest tests/
-
-Each pytest-xdist worker (`-n 2`) there starts a session of its own, on a
-private hmisvc-binderd, so that workers never meet.
+The service manager and the simulator are started once per session, or the
+one already serving is used (under hmisvc-run). Where there is no usable
+/dev/binder the session runs on a private userspace driver (hmisvc-binderd)
+it starts itself, so `python3 -m pytest tests/` works as it is; each
+pytest-xdist worker (`-n 2`) there has a session of its own, on its own
+driver, so that workers never meet.
 """
 import atexit
 import json
@@ -94,11 +92,10 @@ class _Session:
                 with open(os.environ["HMISVC_PANEL_INFO"]) as f:
                     self.panel = json.load(f)
             return
-        # A userspace driver (hmisvc-binderd) serves where its socket is named.
+        # No driver here (no /dev/binder, no userspace driver named): a
+        # private hmisvc-binderd for the session, as hmisvc-run would start.
         if not os.environ.get("HMISVC_BINDER_SOCKET") and not os.access("/dev/binder", os.R_OK | os.W_OK):
-            raise pytest.UsageError(
-                "hmisvc: no simulator serves and /dev/binder cannot be used here; run the session "
-                "in a guest with the binder driver: hmisvc-run python3 -m pytest ...")
+            self._own_driver(_program("HMISVC_BINDERD", "hmisvc-binderd", beside))
         self._start(_program("HMISVC_SERVICEMANAGER", "hmisvc-servicemanager", beside),
                     _program("HMISVC_DEVSIM", "hmisvc-devsim", beside), config)
 

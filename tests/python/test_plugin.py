@@ -168,6 +168,24 @@ def test_xdist_workers_each_get_a_session_of_their_own(pytester, tmp_path, monke
     assert len(set(sockets)) == 2 and os.environ["HMISVC_BINDER_SOCKET"] not in sockets, seen
 
 
+@pytest.mark.skipif(not os.environ.get("HMISVC_BINDER_SOCKET"),
+                    reason="where /dev/binder serves, a session uses it")
+def test_a_session_with_no_driver_starts_its_own(pytester, tmp_path, monkeypatch):
+    # As a developer runs pytest on a PC: no driver named, none in /dev.
+    monkeypatch.delenv("HMISVC_BINDER_SOCKET")
+    monkeypatch.setenv("SEEN", str(tmp_path / "seen"))
+    pytester.makepyfile(test_inner=textwrap.dedent(f"""
+        import os
+        def test_steers_the_device(hmisvc_device, hmisvc_app):
+            open(os.environ["SEEN"], "w").write(os.environ.get("HMISVC_BINDER_SOCKET", ""))
+            hmisvc_device.set("backlight.brightness", 23)
+            hmisvc_app([{HMISVC!r}, "backlight", "get"]).expect(r"\\b23\\b")
+    """))
+    result = pytester.runpytest_subprocess("-p", "hmisvc_pytest")
+    result.assert_outcomes(passed=1)
+    assert (tmp_path / "seen").read_text().startswith("/")
+
+
 def test_application_output_input_and_end(hmisvc_app):
     app = hmisvc_app("echo to-out; echo to-err >&2; read line; echo got:$line; exit 3")
     app.expect("to-err")
