@@ -13,6 +13,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 
@@ -88,6 +89,7 @@ int run(const std::vector<std::string> &argv, std::string &out, std::string &err
 struct Started {
     std::vector<pid_t> pids;
     pid_t owner = getpid();
+    std::string driver_dir; // the private driver's socket directory, if one was started
     ~Started()
     {
         if (getpid() != owner)
@@ -96,8 +98,34 @@ struct Started {
             kill(*p, SIGTERM);
             waitpid(*p, nullptr, 0);
         }
+        std::error_code ignored; // its socket, and the service manager's names beside it
+        if (!driver_dir.empty())
+            std::filesystem::remove_all(driver_dir, ignored);
     }
 };
+
+// No driver here (no /dev/binder, no userspace driver named): a private
+// hmisvc-binderd for the program, as hmisvc-run would start, named to this
+// process and everything it starts.
+void start_driver(Started &started)
+{
+    std::string dir = from_env("TMPDIR", "/tmp") + "/hmisvc-driver.XXXXXX";
+    if (!mkdtemp(dir.data()))
+        throw Refused("cannot make a directory for the binder driver's socket: " + dir + ": " + std::strerror(errno));
+    started.driver_dir = dir;
+    const std::string socket = dir + "/binder", binderd = from_env("HMISVC_BINDERD", "hmisvc-binderd");
+    int fd = -1;
+    started.pids.push_back(start({binderd, "--socket", socket}, &fd, nullptr));
+    // It says its socket once it listens there; its output stays open.
+    std::string said;
+    char c;
+    while (read(fd, &c, 1) == 1 && c != '\n')
+        said += c;
+    if (said != socket)
+        throw Refused(binderd + " did not serve on " + socket +
+                      " (install hmisvc-tools, or set HMISVC_BINDERD to the driver)");
+    setenv("HMISVC_BINDER_SOCKET", socket.c_str(), 1);
+}
 
 void start_simulator(const std::string &hmisvc)
 {
@@ -108,8 +136,7 @@ void start_simulator(const std::string &hmisvc)
     // A userspace binder driver (HMISVC_BINDER_SOCKET) serves in its stead.
     const char *userspace = std::getenv("HMISVC_BINDER_SOCKET");
     if ((!userspace || !*userspace) && access("/dev/binder", R_OK | W_OK) != 0)
-        throw Refused("no simulator serves and /dev/binder cannot be used here; run the test program in a "
-                      "guest with the binder driver: hmisvc-run ./my_tests");
+        start_driver(started);
     started.pids.push_back(start({from_env("HMISVC_SERVICEMANAGER", "hmisvc-servicemanager")}, nullptr, nullptr));
     // The simulator gives up at once while the service manager does not
     // serve yet: a few tries, each ending on its "ready" or its end.
