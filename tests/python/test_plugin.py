@@ -138,11 +138,18 @@ def test_each_test_gets_the_device_as_it_started(pytester):
 
 
 @pytest.mark.skipif(not os.environ.get("HMISVC_BINDER_SOCKET"),
-                    reason="a worker's own session is made on a userspace driver")
-def test_xdist_workers_each_get_a_session_of_their_own(pytester, tmp_path, monkeypatch):
-    pytest.importorskip("xdist")
-    # Each test says which driver its worker has and steers the device while
-    # the other worker does the same with other values.
+                    reason="where /dev/binder serves, a session uses it")
+@pytest.mark.parametrize("workers, under_runner", [(0, False), (2, False), (2, True)])
+def test_sessions_on_a_pc_have_drivers_of_their_own(pytester, tmp_path, monkeypatch, workers, under_runner):
+    # As a developer runs pytest on a PC (no driver named, none in /dev), or
+    # under hmisvc-run --no-sim; with pytest-xdist, a driver per worker. Each
+    # test says which driver it has and steers the device while another may
+    # do the same.
+    if workers:
+        pytest.importorskip("xdist")
+    runner = os.environ["HMISVC_BINDER_SOCKET"]
+    if not under_runner:
+        monkeypatch.delenv("HMISVC_BINDER_SOCKET")
     monkeypatch.setenv("SEEN", str(tmp_path / "seen"))
     pytester.makepyfile(test_inner=textwrap.dedent(f"""
         import os
@@ -150,40 +157,22 @@ def test_xdist_workers_each_get_a_session_of_their_own(pytester, tmp_path, monke
         @pytest.mark.parametrize("value", [11, 22, 33, 44, 55, 66])
         def test_steers_its_own_device(hmisvc_device, hmisvc_app, value):
             with open(os.environ["SEEN"], "a") as f:
-                f.write(os.environ["PYTEST_XDIST_WORKER"] + " " + os.environ["HMISVC_BINDER_SOCKET"] + "\\n")
+                f.write(os.environ.get("PYTEST_XDIST_WORKER", "-") + " " + os.environ["HMISVC_BINDER_SOCKET"] + "\\n")
             hmisvc_device.set("backlight.brightness", value)
             hmisvc_app([{HMISVC!r}, "backlight", "get"]).expect(rf"\\b{{value}}\\b")
             assert hmisvc_device.state()["backlight"]["brightness"] == value
     """))
-    result = pytester.runpytest_subprocess("-p", "hmisvc_pytest", "-n", "2")
+    result = pytester.runpytest_subprocess("-p", "hmisvc_pytest", *(["-n", str(workers)] if workers else []))
     result.assert_outcomes(passed=6)
     seen = {}
     for line in (tmp_path / "seen").read_text().splitlines():
         worker, socket = line.split()
         seen.setdefault(worker, set()).add(socket)
-    assert len(seen) == 2, seen
+    assert len(seen) == max(workers, 1), seen
     sockets = [s for worker in seen.values() for s in worker]
-    # One driver per worker, and no worker's is the runner's.
+    # One driver per worker, and none is the runner's.
     assert all(len(worker) == 1 for worker in seen.values()), seen
-    assert len(set(sockets)) == 2 and os.environ["HMISVC_BINDER_SOCKET"] not in sockets, seen
-
-
-@pytest.mark.skipif(not os.environ.get("HMISVC_BINDER_SOCKET"),
-                    reason="where /dev/binder serves, a session uses it")
-def test_a_session_with_no_driver_starts_its_own(pytester, tmp_path, monkeypatch):
-    # As a developer runs pytest on a PC: no driver named, none in /dev.
-    monkeypatch.delenv("HMISVC_BINDER_SOCKET")
-    monkeypatch.setenv("SEEN", str(tmp_path / "seen"))
-    pytester.makepyfile(test_inner=textwrap.dedent(f"""
-        import os
-        def test_steers_the_device(hmisvc_device, hmisvc_app):
-            open(os.environ["SEEN"], "w").write(os.environ.get("HMISVC_BINDER_SOCKET", ""))
-            hmisvc_device.set("backlight.brightness", 23)
-            hmisvc_app([{HMISVC!r}, "backlight", "get"]).expect(r"\\b23\\b")
-    """))
-    result = pytester.runpytest_subprocess("-p", "hmisvc_pytest")
-    result.assert_outcomes(passed=1)
-    assert (tmp_path / "seen").read_text().startswith("/")
+    assert len(set(sockets)) == len(seen) and runner not in sockets, seen
 
 
 def test_application_output_input_and_end(hmisvc_app):
