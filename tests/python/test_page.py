@@ -44,8 +44,13 @@ def test_wait_ends_on_the_change_or_names_what_it_had(hmisvc_device, hmisvc_app)
 def test_slide_and_click_reach_the_device(hmisvc_device, hmisvc_app):
     slider = hmisvc_app([PANEL]).page.find("brightness")
     slider.wait("to", 100)
+    # Past its end a finger stops: refused, and nothing reaches the device.
+    since = hmisvc_device.mark()
+    with pytest.raises(AssertionError, match="goes from 0 to 100 now: it cannot slide to 120"):
+        slider.slide(120)
     assert slider.slide(10) == 10
     hmisvc_device.wait_for_call("SetBrightness", args=[10])
+    assert [c["args"] for c in hmisvc_device.calls(method="SetBrightness", since=since)] == [[10]]
     # A real press at the centre of the track moves the handle there.
     since = hmisvc_device.mark()
     slider.click()
