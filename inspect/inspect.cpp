@@ -16,6 +16,8 @@
 // The test side listens and this side connects, so the test learns that the
 // application is up from the connection itself; each side takes the other
 // only when it runs as the same user.
+#include "edit_distance.h"
+
 #include <QDir>
 #include <QFileInfo>
 #include <QGenericPlugin>
@@ -48,34 +50,20 @@ constexpr int kNearest = 5;
 // the 10 s the test side gives a request beyond its own time limit).
 constexpr int kPageShownMs = 5000;
 
-int distance(const QString &a, const QString &b)
-{
-    QList<int> row(b.size() + 1);
-    for (int j = 0; j <= b.size(); ++j)
-        row[j] = j;
-    for (int i = 1; i <= a.size(); ++i) {
-        int diagonal = row[0];
-        row[0] = i;
-        for (int j = 1; j <= b.size(); ++j) {
-            const int above = row[j];
-            row[j] = std::min({above + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
-            diagonal = above;
-        }
-    }
-    return row[b.size()];
-}
-
 // The known names nearest WANTED, quoted and comma-separated.
 QString nearest(const QString &wanted, QStringList known)
 {
     known.removeDuplicates();
     known.removeAll(QString());
-    std::stable_sort(known.begin(), known.end(), [&](const QString &a, const QString &b) {
-        return distance(wanted, a) < distance(wanted, b);
-    });
+    // Each distance once: a page has hundreds of objects.
+    std::vector<std::pair<std::size_t, qsizetype>> by_distance; // distance, index
+    for (qsizetype i = 0; i < known.size(); ++i)
+        by_distance.emplace_back(hmisvc::tools::edit_distance(wanted, known[i]), i);
+    std::stable_sort(by_distance.begin(), by_distance.end(),
+                     [](const auto &x, const auto &y) { return x.first < y.first; });
     QStringList shown;
-    for (const QString &k : known.mid(0, kNearest))
-        shown << '"' + k + '"';
+    for (std::size_t i = 0; i < by_distance.size() && i < std::size_t(kNearest); ++i)
+        shown << '"' + known[by_distance[i].second] + '"';
     return shown.isEmpty() ? QStringLiteral("(none)") : shown.join(", ");
 }
 

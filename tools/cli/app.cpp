@@ -7,6 +7,7 @@
 #include <deque>
 
 #include "commands.h"
+#include "edit_distance.h"
 
 namespace cli {
 
@@ -68,30 +69,13 @@ void addServiceCommands(CLI::App &app, Session &session)
 
 namespace {
 
-size_t distance(const std::string &a, const std::string &b)
-{
-    std::vector<size_t> row(b.size() + 1);
-    for (size_t j = 0; j <= b.size(); ++j)
-        row[j] = j;
-    for (size_t i = 1; i <= a.size(); ++i) {
-        size_t diagonal = row[0];
-        row[0] = i;
-        for (size_t j = 1; j <= b.size(); ++j) {
-            size_t above = row[j];
-            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
-            diagonal = above;
-        }
-    }
-    return row[b.size()];
-}
-
 // Names within two edits of `word`, or that it begins, closest first.
 std::string closest(const std::string &word, const std::vector<CLI::App *> &subs)
 {
     std::vector<std::pair<size_t, std::string>> near;
     for (CLI::App *s : subs) {
         const std::string &name = s->get_name();
-        size_t d = name.rfind(word, 0) == 0 ? 0 : distance(word, name);
+        size_t d = name.rfind(word, 0) == 0 ? 0 : hmisvc::tools::edit_distance(word, name);
         if (d <= 2)
             near.emplace_back(d, name);
     }

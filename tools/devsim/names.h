@@ -3,6 +3,8 @@
 #ifndef HMISVC_DEVSIM_NAMES_H
 #define HMISVC_DEVSIM_NAMES_H
 
+#include "edit_distance.h"
+
 #include <algorithm>
 #include <cctype>
 #include <string>
@@ -14,21 +16,9 @@ namespace hmisvc::devsim {
 // Edit distance, case ignored.
 inline std::size_t name_distance(const std::string &a, const std::string &b)
 {
-    std::vector<std::size_t> row(b.size() + 1);
-    for (std::size_t j = 0; j <= b.size(); ++j)
-        row[j] = j;
-    for (std::size_t i = 1; i <= a.size(); ++i) {
-        std::size_t diagonal = row[0];
-        row[0] = i;
-        for (std::size_t j = 1; j <= b.size(); ++j) {
-            std::size_t above = row[j];
-            bool same = std::tolower(static_cast<unsigned char>(a[i - 1])) ==
-                        std::tolower(static_cast<unsigned char>(b[j - 1]));
-            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (same ? 0 : 1)});
-            diagonal = above;
-        }
-    }
-    return row[b.size()];
+    return tools::edit_distance(a, b, [](char x, char y) {
+        return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+    });
 }
 
 // Longer names are refused as they are, without looking for the nearest:
